@@ -1,0 +1,59 @@
+// The growing line reader used for the label dictionary file.
+#include "common/common.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+// Reads at most want characters into dst, stopping after a newline; returns
+// the number read (0 at end of file). Unlike fgets it counts embedded NULs.
+std::size_t read_some(char* dst, std::size_t want, std::FILE* stream) {
+  std::size_t n = 0;
+  while (n < want) {
+    int c = std::getc(stream);
+    if (c == EOF) break;
+    dst[n++] = static_cast<char>(c);
+    if (c == '\n') break;
+  }
+  dst[n] = '\0';
+  return n;
+}
+}  // namespace
+
+bool read_line(std::vector<char>& buffer, std::size_t& size, std::FILE* stream) {
+  if (size < 2) {
+    std::fprintf(stderr, "%s:%d: input buffer size must be greater than 1\n", __FILE_NAME__, __LINE__);
+    std::exit(1);
+  }
+  if (buffer.size() < size) buffer.resize(size);
+  std::size_t got = read_some(buffer.data(), size - 1, stream);
+  if (got == 0) return false;
+  if (got < size - 1 || buffer[got - 1] == '\n') return true;
+  std::size_t held = got;
+  for (std::size_t increment = 5;; increment *= 2) {
+    size += increment;
+    buffer.resize(size);
+    got = read_some(buffer.data() + held, increment, stream);
+    if (got == 0) return false;
+    held += got;
+    if (got < increment || buffer[held - 1] == '\n') return true;
+  }
+}
+
+char* strip_newlines(char* text) {
+  std::size_t n = std::strlen(text);  // the length before any newline is cut
+  for (std::size_t i = 0; i < n; ++i)
+    if (text[i] == '\n') text[i] = '\0';
+  return text;
+}
+
+bool next_permutation(int* values, int n) {
+  int i = n - 2;
+  while (i >= 0 && values[i] >= values[i + 1]) --i;
+  if (i < 0) return false;
+  int j = n - 1;
+  while (values[j] <= values[i]) --j;
+  std::swap(values[i], values[j]);
+  for (int a = i + 1, b = n - 1; a < b; ++a, --b) std::swap(values[a], values[b]);
+  return true;
+}

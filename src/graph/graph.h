@@ -1,0 +1,71 @@
+// The labelled graph record shared by compounds, fragments and the table's
+// stored copies, and the edge-list records the subtree enumeration works on.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <utility>
+#include <vector>
+
+// Undirected labelled simple graph in compressed adjacency form. The entries
+// of vertex i are e[v[i]] .. e[v[i+1]-1], sorted by target then label; every
+// bond appears once from each end with the same label.
+struct Graph {
+  int es = 0;              // adjacency entries, two per bond
+  int vs = 0;              // vertices
+  int ncell = 0;           // cells left by canonical labelling
+  std::uint32_t key = 0;   // hash key of the canonical form
+  std::vector<int> e;      // far end of each entry
+  std::vector<int> vcell;  // cell of each vertex after labelling (fragments only)
+  std::vector<int> v;      // vs + 1 offsets into e
+  std::vector<int> vid;    // vertex id: index before relabelling
+  std::vector<int> el;     // label of each entry, parallel to e
+  std::vector<int> vl;     // vertex labels
+};
+
+// One directed adjacency entry before the arrays are built.
+struct EdgeTriple {
+  int u = 0;
+  int v = 0;
+  int label = 0;
+};
+
+// Sorts the triples by (u, v, label) and fills e, el and v of g, whose es and
+// vs are set. Two triples with the same (u, v), whatever their labels, end
+// the run with the "duplicated edges" message. Resizes e, el, v as needed.
+void build_adjacency(std::span<EdgeTriple> triples, Graph& g);
+
+// 0 when the two canonically labelled graphs are identical in es, vs, key,
+// v, vl, e and el; ncell, vcell and vid take no part.
+int compare_graphs(const Graph& a, const Graph& b);
+
+// Smallest index whose vid is id, or the run ends with the lookup message.
+int find_vertex_by_id(int id, const Graph& g);
+
+// Frees every array of the graph (its memory goes back at once).
+void release_graph(Graph& g);
+
+// ---- Edge lists of the enumeration ----------------------------------------
+
+// The bonds of a compound as 1-based vertex pairs in stable slots; (0, 0)
+// marks a removed edge, so slot indices name the same bond in every copy.
+struct EdgeList {
+  std::vector<int> node;                     // 1, 2, 3, ...
+  std::vector<std::pair<int, int>> edge;     // one slot per bond
+  int nnode = 0;
+  int nedge = 0;
+  int nlive = 0;
+};
+
+// The bonds of one fragment, 1-based compound vertex numbers, in the order chosen.
+struct EdgeSet {
+  std::vector<std::pair<int, int>> edge;  // capacity threshold
+  int size = 0;
+};
+
+EdgeList new_edge_list(const Graph& g);
+void add_node(EdgeList& list, int x);            // x must be -1
+void add_edge(EdgeList& list, int u, int v);      // u != v, 1-based
+void remove_edge(EdgeList& list, int slot);
+void remove_self_loops(EdgeList& list);
+void copy_edge_list(const EdgeList& source, EdgeList& target);
