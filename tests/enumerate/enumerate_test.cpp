@@ -1,0 +1,236 @@
+// Subtree enumeration: the documented emission orders, a literal
+// include/exclude search with edge contraction as a reference for the order,
+// and a brute force over bond subsets for the sets themselves.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+
+#include "enumerate/enumerate.h"
+#include "enumerate/tree_freq.h"
+
+namespace {
+
+using Bonds = std::vector<std::pair<int, int>>;  // 1-based
+using Sets = std::vector<Bonds>;
+
+Graph make_graph(int vs, const Bonds& bonds, const std::vector<int>& labels = {}) {
+  Graph g;
+  g.vs = vs;
+  g.es = 2 * static_cast<int>(bonds.size());
+  g.vid.resize(vs);
+  for (int i = 0; i < vs; ++i) g.vid[i] = i;
+  g.vl.assign(vs, 0);
+  std::vector<EdgeTriple> t;
+  for (std::size_t b = 0; b < bonds.size(); ++b) {
+    int l = labels.empty() ? 0 : labels[b];
+    t.push_back({bonds[b].first - 1, bonds[b].second - 1, l});
+    t.push_back({bonds[b].second - 1, bonds[b].first - 1, l});
+  }
+  build_adjacency(t, g);
+  return g;
+}
+
+Sets emitted(const Graph& g, int threshold) {
+  Sets out;
+  enumerate_subtrees(g, threshold, [&](const EdgeSet& s) { out.emplace_back(s.edge.begin(), s.edge.begin() + s.size); });
+  return out;
+}
+
+// The search as first described: whole edge lists copied per branch, chosen
+// bonds contracted, self-loops dropped at every step.
+struct Literal {
+  const Graph& g;
+  int threshold;
+  EdgeList g_copy;
+  Sets out;
+
+  int select(const EdgeList& state, std::vector<int>& mark, const EdgeSet& s) {
+    if (state.nlive <= 0) return -1;
+    for (int i = 0; i < state.nedge; ++i) {
+      if (state.edge[i].first == 0 || state.edge[i].second == 0) continue;
+      auto [a, b] = g_copy.edge[i];
+      if (s.size == 0 || mark[a - 1] || mark[b - 1]) {
+        mark[a - 1] = mark[b - 1] = 1;
+        return i;
+      }
+    }
+    return -1;
+  }
+
+  void extend(EdgeList state, std::vector<int> mark, EdgeSet s) {
+    remove_self_loops(state);
+    std::vector<int> mark1 = mark, mark2 = mark;
+    EdgeSet s1 = s, s2 = s;
+    int slot = select(state, mark2, s);
+    if (slot < 0) return;
+    s2.edge[s2.size++] = g_copy.edge[slot];
+    EdgeList inc = state, exc = state;
+    auto [tu, tv] = state.edge[slot];
+    for (int i = 0; i < inc.nedge; ++i) {
+      if (inc.edge[i].first == tv) inc.edge[i].first = tu;
+      if (inc.edge[i].second == tv) inc.edge[i].second = tu;
+    }
+    remove_edge(exc, slot);
+    if (s2.size < threshold) extend(inc, mark2, s2);
+    else out.emplace_back(s2.edge.begin(), s2.edge.begin() + s2.size);
+    extend(exc, mark1, s1);
+  }
+
+  Sets run() {
+    g_copy = new_edge_list(g);
+    for (int i = 0; i < g.vs; ++i) add_node(g_copy, -1);
+    for (int i = 0; i < g.vs; ++i)
+      for (int j = g.v[i]; j < g.v[i + 1]; ++j)
+        if (g.e[j] > i) add_edge(g_copy, i + 1, g.e[j] + 1);
+    EdgeSet s;
+    s.edge.resize(threshold);
+    extend(g_copy, std::vector<int>(g.vs, 0), s);
+    return out;
+  }
+};
+
+// Every connected acyclic subset of `threshold` bonds, as sorted bond lists.
+std::set<Bonds> brute_force(int vs, const Bonds& bonds, int threshold) {
+  std::set<Bonds> found;
+  const int m = static_cast<int>(bonds.size());
+  for (std::uint32_t mask = 0; mask < (1u << m); ++mask) {
+    if (std::popcount(mask) != threshold) continue;
+    std::vector<int> parent(vs);
+    for (int i = 0; i < vs; ++i) parent[i] = i;
+    auto find = [&](int x) { while (parent[x] != x) x = parent[x] = parent[parent[x]]; return x; };
+    bool acyclic = true;
+    std::set<int> vertices;
+    Bonds chosen;
+    for (int b = 0; b < m; ++b) {
+      if (!(mask >> b & 1)) continue;
+      int x = find(bonds[b].first - 1), y = find(bonds[b].second - 1);
+      if (x == y) acyclic = false;
+      parent[x] = y;
+      vertices.insert(bonds[b].first);
+      vertices.insert(bonds[b].second);
+      chosen.push_back(std::minmax(bonds[b].first, bonds[b].second));
+    }
+    // A forest with one more vertex than bonds is a single tree.
+    if (acyclic && static_cast<int>(vertices.size()) == threshold + 1) {
+      std::sort(chosen.begin(), chosen.end());
+      found.insert(chosen);
+    }
+  }
+  return found;
+}
+
+TEST(enumerate_subtrees, documented_emission_orders) {
+  const Bonds path = {{1, 2}, {2, 3}, {3, 4}};
+  EXPECT_EQ(emitted(make_graph(4, path), 1), (Sets{{{1, 2}}, {{2, 3}}, {{3, 4}}}));
+  EXPECT_EQ(emitted(make_graph(4, path), 2), (Sets{{{1, 2}, {2, 3}}, {{2, 3}, {3, 4}}}));
+  const Bonds star = {{1, 2}, {1, 3}, {1, 4}};
+  EXPECT_EQ(emitted(make_graph(4, star), 2), (Sets{{{1, 2}, {1, 3}}, {{1, 2}, {1, 4}}, {{1, 3}, {1, 4}}}));
+  const Bonds triangle = {{2, 3}, {1, 3}, {1, 2}};
+  EXPECT_EQ(emitted(make_graph(3, triangle), 2), (Sets{{{1, 2}, {1, 3}}, {{1, 2}, {2, 3}}, {{1, 3}, {2, 3}}}));
+  EXPECT_EQ(emitted(make_graph(3, triangle), 3), Sets{});
+  const Bonds ring = {{1, 2}, {2, 3}, {3, 4}, {4, 1}};
+  EXPECT_EQ(emitted(make_graph(4, ring), 3), (Sets{{{1, 2}, {1, 4}, {2, 3}},
+                                                   {{1, 2}, {1, 4}, {3, 4}},
+                                                   {{1, 2}, {2, 3}, {3, 4}},
+                                                   {{1, 4}, {3, 4}, {2, 3}}}));
+}
+
+TEST(enumerate_subtrees, nothing_for_length_zero_no_bonds_or_too_few_bonds) {
+  EXPECT_EQ(emitted(make_graph(4, {{1, 2}, {2, 3}}), 0), Sets{});
+  EXPECT_EQ(emitted(make_graph(3, {}), 1), Sets{});
+  EXPECT_EQ(emitted(make_graph(4, {{1, 2}, {2, 3}}), 3), Sets{});
+}
+
+// Random graphs: rings, fused rings, branches and several components.
+Bonds random_bonds(std::mt19937& rng, int vs, int m) {
+  std::set<std::pair<int, int>> bonds;
+  for (int v = 2; v <= vs; ++v)  // a spanning forest first, so most graphs hang together
+    if (rng() % 5 != 0) bonds.insert({static_cast<int>(rng() % (v - 1)) + 1, v});
+  int guard = 0;
+  while (static_cast<int>(bonds.size()) < m && ++guard < 1000) {
+    int a = rng() % vs + 1, b = rng() % vs + 1;
+    if (a != b) bonds.insert(std::minmax(a, b));
+  }
+  Bonds out(bonds.begin(), bonds.end());
+  for (std::size_t i = out.size() - 1; i > 0; --i) std::swap(out[i], out[rng() % (i + 1)]);
+  return out;
+}
+
+TEST(enumerate_subtrees, matches_the_literal_search_and_brute_force_on_random_graphs) {
+  const std::uint32_t seed = 20261123;
+  std::mt19937 rng(seed);
+  for (int round = 0; round < 300; ++round) {
+    const int vs = 2 + rng() % 10;
+    const int m = std::min<int>(vs * (vs - 1) / 2, 1 + rng() % 12);
+    const Bonds bonds = random_bonds(rng, vs, m);
+    const Graph g = make_graph(vs, bonds);
+    for (int t = 1; t <= static_cast<int>(bonds.size()) + 1; ++t) {
+      Sets got = emitted(g, t);
+      ASSERT_EQ(got, Literal{g, t, {}, {}}.run()) << "seed " << seed << " round " << round << " t " << t;
+      std::set<Bonds> as_sets;
+      for (Bonds b : got) {
+        std::sort(b.begin(), b.end());
+        as_sets.insert(b);
+      }
+      ASSERT_EQ(as_sets.size(), got.size()) << "a set emitted twice, round " << round;
+      ASSERT_EQ(as_sets, brute_force(vs, bonds, t)) << "seed " << seed << " round " << round << " t " << t;
+    }
+  }
+}
+
+TEST(enumerate_subtrees, bond_order_in_the_input_does_not_change_the_order) {
+  const Bonds a = {{1, 2}, {2, 3}, {3, 4}, {2, 5}, {5, 6}, {6, 3}};
+  Bonds b(a.rbegin(), a.rend());
+  for (auto& [x, y] : b) std::swap(x, y);
+  for (int t = 1; t <= 5; ++t) EXPECT_EQ(emitted(make_graph(6, a), t), emitted(make_graph(6, b), t));
+}
+
+TEST(build_fragment_graph, numbers_vertices_in_compound_order_with_their_labels) {
+  Graph g = make_graph(9, {{2, 5}, {5, 9}, {1, 2}}, {1, 2, 0});
+  for (int i = 0; i < 9; ++i) g.vl[i] = 10 + i;
+  EdgeSet s;
+  s.edge = {{5, 9}, {2, 5}};
+  s.size = 2;
+  Graph f = build_fragment_graph(s, g);
+  EXPECT_EQ(f.vs, 3);
+  EXPECT_EQ(f.es, 4);
+  EXPECT_EQ(f.vl, (std::vector<int>{11, 14, 18}));
+  EXPECT_EQ(f.vid, (std::vector<int>{0, 1, 2}));
+  EXPECT_EQ(f.e, (std::vector<int>{1, 0, 2, 1}));
+  EXPECT_EQ(f.el, (std::vector<int>{1, 1, 2, 2}));
+  EXPECT_EQ(bond_label(s, 0, g), 2);
+}
+
+// The type filter, watched through the table: count what gets stored.
+int stored_fragments(const Graph& g, int threshold, int opt) {
+  static FragmentTable table;
+  if (table.hashg.empty()) create_table(table);
+  for (HashEntry& e : table.hashg) e = HashEntry{};
+  table.stored.clear();
+  table.total = 0;
+  create_occurrence_lists(table, 1);
+  table.threshold = threshold;
+  FragmentContext ctx{threshold, opt, &table};
+  enumerate_fragments(g, 0, ctx);
+  int sets = 0;
+  for (int p = 0; p < table.csrcount[0].size; ++p) sets += table.csr[0][p].count;
+  return sets;
+}
+
+TEST(emit_fragment, type_filter_keeps_trees_or_paths) {
+  const Graph star = make_graph(4, {{1, 2}, {1, 3}, {1, 4}});
+  const Graph chain = make_graph(4, {{1, 2}, {2, 3}, {3, 4}});
+  EXPECT_EQ(stored_fragments(star, 3, 1), 1);
+  EXPECT_EQ(stored_fragments(star, 3, 2), 1);
+  EXPECT_EQ(stored_fragments(star, 3, 3), 0);
+  EXPECT_EQ(stored_fragments(chain, 3, 1), 1);
+  EXPECT_EQ(stored_fragments(chain, 3, 2), 0);
+  EXPECT_EQ(stored_fragments(chain, 3, 3), 1);
+  for (int t : {1, 2}) EXPECT_EQ(stored_fragments(star, t, 2), 0) << "trees need three bonds on one atom";
+  EXPECT_EQ(stored_fragments(star, 2, 3), 3);
+}
+
+}  // namespace

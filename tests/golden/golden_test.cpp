@@ -1,0 +1,70 @@
+// Whole runs on public compound files, compared byte for byte with reviewed
+// outputs: standard output, exit status, descriptor file and structure file.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <sstream>
+
+#include "support/process.h"
+
+namespace {
+
+using namespace testsupport;
+
+const std::string golden_dir = std::string(TAVRIX_TEST_DATA) + "/golden";
+
+std::vector<std::string> split_words(const std::string& line) {
+  std::istringstream in(line);
+  std::vector<std::string> words;
+  for (std::string w; in >> w;) words.push_back(w);
+  return words;
+}
+
+std::vector<std::string> list_dir(const std::string& dir) {
+  std::vector<std::string> names;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (dirent* e = readdir(d))
+      if (e->d_name[0] != '.') names.push_back(e->d_name);
+    closedir(d);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+class golden_run : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(golden_run, matches_reviewed_output_byte_for_byte) {
+  const std::string dir = golden_dir + "/" + GetParam();
+  std::vector<std::string> args = split_words(read_file(dir + "/command.txt"));
+  ASSERT_GE(args.size(), 2u);
+  args.erase(args.begin());  // the program name
+  const std::string input = args.back();
+  const std::string work = make_temp_dir();
+  write_file(work + "/" + input, unxz(golden_dir + "/inputs/" + input + ".xz"));
+
+  RunResult r = run_tavrix(args, work);
+  EXPECT_EQ(r.out, read_file(dir + "/stdout.txt"));
+  EXPECT_EQ(std::to_string(r.status) + "\n", read_file(dir + "/status.txt"));
+  EXPECT_EQ(r.err, "");
+  for (const std::string& name : list_dir(dir)) {
+    if (name.size() < 3 || name.substr(name.size() - 3) != ".xz") continue;
+    const std::string produced = name.substr(0, name.size() - 3);
+    ASSERT_TRUE(file_exists(work + "/" + produced)) << produced;
+    EXPECT_TRUE(read_file(work + "/" + produced) == unxz(dir + "/" + name)) << produced << " differs";
+  }
+  EXPECT_FALSE(file_exists(work + "/" + input + ".dict")) << "the label dictionary file is left behind";
+  if (!HasFailure()) remove_tree(work);
+}
+
+std::vector<std::string> golden_cases() {
+  std::vector<std::string> cases;
+  for (const std::string& name : list_dir(golden_dir))
+    if (file_exists(golden_dir + "/" + name + "/command.txt")) cases.push_back(name);
+  return cases;
+}
+
+INSTANTIATE_TEST_SUITE_P(public_files, golden_run, ::testing::ValuesIn(golden_cases()),
+                         [](const auto& info) { return info.param; });
+
+}  // namespace

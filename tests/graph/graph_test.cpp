@@ -1,0 +1,107 @@
+// The graph record: adjacency building, comparison and the edge lists.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "graph/graph.h"
+#include "support/process.h"
+
+namespace {
+
+Graph from_triples(int vs, std::vector<EdgeTriple> triples) {
+  Graph g;
+  g.vs = vs;
+  g.es = static_cast<int>(triples.size());
+  g.vid.resize(vs);
+  for (int i = 0; i < vs; ++i) g.vid[i] = i;
+  g.vl.assign(vs, 0);
+  build_adjacency(triples, g);
+  return g;
+}
+
+TEST(build_adjacency, chain_of_three_from_unsorted_triples) {
+  Graph g = from_triples(3, {{1, 2, 0}, {0, 1, 2}, {2, 1, 0}, {1, 0, 2}});
+  EXPECT_EQ(g.e, (std::vector<int>{1, 0, 2, 1}));
+  EXPECT_EQ(g.el, (std::vector<int>{2, 2, 0, 0}));
+  EXPECT_EQ(g.v, (std::vector<int>{0, 1, 3, 4}));
+}
+
+TEST(build_adjacency, any_triple_order_gives_the_same_arrays_and_isolated_vertices_keep_offsets) {
+  std::vector<EdgeTriple> triples;
+  for (auto [a, b, l] : std::vector<std::tuple<int, int, int>>{{0, 3, 1}, {3, 4, 0}, {0, 4, 2}, {4, 5, 1}})
+    triples.insert(triples.end(), {{a, b, l}, {b, a, l}});
+  Graph ref = from_triples(6, triples);
+  EXPECT_EQ(ref.v, (std::vector<int>{0, 2, 2, 2, 4, 7, 8}));  // vertices 1 and 2 have no bonds
+  std::mt19937 rng(7);
+  for (int round = 0; round < 20; ++round) {
+    for (std::size_t i = triples.size() - 1; i > 0; --i) std::swap(triples[i], triples[rng() % (i + 1)]);
+    Graph g = from_triples(6, triples);
+    EXPECT_EQ(g.e, ref.e);
+    EXPECT_EQ(g.el, ref.el);
+    EXPECT_EQ(g.v, ref.v);
+  }
+}
+
+TEST(build_adjacency, no_bonds_gives_zero_offsets) {
+  Graph g = from_triples(3, {});
+  EXPECT_EQ(g.v, (std::vector<int>{0, 0, 0, 0}));
+  EXPECT_TRUE(g.e.empty());
+}
+
+TEST(build_adjacency, same_bond_twice_with_other_label_ends_the_run) {
+  EXPECT_EXIT_WITH_OUTPUT(from_triples(3, {{0, 1, 0}, {1, 0, 0}, {1, 0, 2}, {0, 1, 2}}), 1,
+                          "^duplicated edges 0 0, 1 1\n$");
+  EXPECT_EXIT_WITH_OUTPUT(from_triples(3, {{2, 1, 0}, {1, 2, 0}, {1, 2, 3}, {2, 1, 3}}), 1,
+                          "^duplicated edges 1 1, 2 2\n$");
+}
+
+TEST(compare_graphs, ignores_vid_vcell_ncell_but_not_labels) {
+  Graph a = from_triples(3, {{0, 1, 1}, {1, 0, 1}, {1, 2, 0}, {2, 1, 0}});
+  a.vcell.assign(3, 0);
+  a.key = 17;
+  Graph b = a;
+  EXPECT_EQ(compare_graphs(a, b), 0);
+  b.vid = {2, 1, 0};
+  b.vcell = {0, 1, 2};
+  b.ncell = 3;
+  EXPECT_EQ(compare_graphs(a, b), 0);
+  b.vl[2] = 4;
+  EXPECT_NE(compare_graphs(a, b), 0);
+  b = a;
+  b.el[0] = b.el[1] = 2;
+  EXPECT_NE(compare_graphs(a, b), 0);
+  b = a;
+  b.key = a.key + 0x80000000u;  // the key difference is taken as signed
+  EXPECT_EQ(compare_graphs(a, b), 1);
+  EXPECT_EQ(compare_graphs(b, a), -1);
+}
+
+TEST(find_vertex_by_id, returns_the_first_match_or_ends_the_run) {
+  Graph g;
+  g.vs = 3;
+  g.vid = {4, 7, 7};
+  EXPECT_EQ(find_vertex_by_id(7, g), 1);
+  EXPECT_EXIT_WITH_OUTPUT(find_vertex_by_id(-1, g), 1, "^graph lookup vid : can't find a vid in a graph -1\n$");
+}
+
+TEST(edge_list, removed_slots_survive_copying_and_self_loops_go) {
+  Graph g = from_triples(3, {{0, 1, 0}, {1, 0, 0}, {1, 2, 0}, {2, 1, 0}});
+  EdgeList list = new_edge_list(g);
+  for (int i = 0; i < 3; ++i) add_node(list, -1);
+  add_node(list, 5);  // refused with a warning
+  EXPECT_EQ(list.nnode, 3);
+  add_edge(list, 1, 2);
+  add_edge(list, 2, 3);
+  remove_edge(list, 0);
+  EdgeList copy = new_edge_list(g);
+  copy_edge_list(list, copy);
+  EXPECT_EQ(copy.edge[0], std::make_pair(0, 0));
+  EXPECT_EQ(copy.nedge, 2);
+  EXPECT_EQ(copy.nlive, 1);
+  copy.edge[1] = {3, 3};
+  remove_self_loops(copy);
+  EXPECT_EQ(copy.nlive, 0);
+  EXPECT_EQ(list.nlive, 1);
+}
+
+}  // namespace

@@ -1,0 +1,116 @@
+// Structure records and the descriptor file, byte for byte.
+#include <gtest/gtest.h>
+
+#include "output/output.h"
+#include "support/process.h"
+
+namespace {
+
+using namespace testsupport;
+
+LabelDictionary dictionary(const std::vector<std::string>& bonds, const std::vector<std::string>& atoms) {
+  LabelDictionary d = new_label_dictionary();
+  for (const std::string& b : bonds) add_edge_label(b, d);
+  for (const std::string& a : atoms) add_vertex_label(a, d);
+  return d;
+}
+
+Graph star(const std::vector<int>& vl, const std::vector<int>& bond_labels) {
+  Graph g;
+  g.vs = static_cast<int>(vl.size());
+  g.es = 2 * (g.vs - 1);
+  g.vl = vl;
+  std::vector<EdgeTriple> t;
+  for (int i = 1; i < g.vs; ++i) {
+    t.push_back({0, i, bond_labels[i - 1]});
+    t.push_back({i, 0, bond_labels[i - 1]});
+  }
+  build_adjacency(t, g);
+  return g;
+}
+
+template <class Write>
+std::string written(Write write) {
+  std::FILE* f = std::tmpfile();
+  write(f);
+  std::rewind(f);
+  std::string s;
+  char buf[4096];
+  std::size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) s.append(buf, n);
+  std::fclose(f);
+  return s;
+}
+
+TEST(write_sd_fragment, one_bond_record) {
+  const LabelDictionary d = dictionary({"-", "=", "#", "~"}, {"C"});
+  HashEntry slot;
+  slot.id = 12;
+  const Graph g = star({0, 0}, {1});  // "-" is label 1 of the SD bond labels
+  EXPECT_EQ(written([&](std::FILE* f) { write_sd_fragment(slot, g, d, f); }),
+            "12\n"
+            "  QZ                2D\n"
+            "\n"
+            "  2  1  0  0  0  0  0  0  0  0  0\n"
+            "    0.0000    0.0000    0.0000 C   0  0  0  0  0  0  0\n"
+            "    0.0000    0.0000    0.0000 C   0  0  0  0  0  0  0\n"
+            "  1  2  1  0  0  0  0\n"
+            "M  END\n"
+            "$$$$\n");
+}
+
+TEST(write_sd_fragment, pads_labels_to_three_columns_and_writes_bond_types) {
+  const LabelDictionary d = dictionary({"-", "=", "#", "~"}, {"Cl", "C", "Uuo"});
+  HashEntry slot;
+  slot.id = 3;
+  const Graph g = star({1, 0, 2, 1}, {0, 2, 3});  // "#", "=", "~"
+  const std::string rec = written([&](std::FILE* f) { write_sd_fragment(slot, g, d, f); });
+  EXPECT_NE(rec.find("0.0000 C   0"), std::string::npos);
+  EXPECT_NE(rec.find("0.0000 Cl  0"), std::string::npos);
+  EXPECT_NE(rec.find("0.0000 Uuo 0"), std::string::npos);
+  EXPECT_NE(rec.find("  1  2  3  0  0  0  0\n  1  3  2  0  0  0  0\n  1  4  4  0  0  0  0\nM  END"),
+            std::string::npos);
+}
+
+TEST(write_mol2_fragment, records_with_single_aromatic_and_amide_bonds) {
+  const LabelDictionary d = dictionary({"-", "=", "#", "~", "*"}, {"C", "C.ar", "N.am"});
+  HashEntry slot;
+  slot.id = 12;
+  EXPECT_EQ(written([&](std::FILE* f) { write_mol2_fragment(slot, star({0, 0}, {2}), d, f); }),
+            "@<TRIPOS>MOLECULE\n12\n  2  1  0  0  0\nSMALL\nQZ FRAGMENT\n\n\n@<TRIPOS>ATOM\n"
+            "\t   1 C\t0.0000\t0.0000\t0.0000 C\t0  UNK\t0.000\n"
+            "\t   2 C\t0.0000\t0.0000\t0.0000 C\t0  UNK\t0.000\n"
+            "@<TRIPOS>BOND\n\t  1\t  1\t  2  1\n\n");
+  const std::string rec = written([&](std::FILE* f) { write_mol2_fragment(slot, star({1, 2, 1, 0}, {4, 1, 3}), d, f); });
+  EXPECT_NE(rec.find("\t   1 C\t0.0000\t0.0000\t0.0000 C.ar\t0  UNK\t0.000\n\t   2 N\t0.0000\t0.0000\t0.0000 N.am\t"),
+            std::string::npos);
+  EXPECT_NE(rec.find("@<TRIPOS>BOND\n\t  1\t  1\t  2 ar\n\t  2\t  1\t  3 am\n\t  3\t  1\t  4  3\n\n"),
+            std::string::npos);
+}
+
+TEST(write_sd_fragment, bond_labels_that_disagree_end_the_run) {
+  const LabelDictionary d = dictionary({"-", "=", "#", "~"}, {"C"});
+  Graph g = star({0, 0}, {1});
+  g.el[1] = 2;
+  HashEntry slot;
+  std::FILE* f = std::tmpfile();
+  EXPECT_EXIT_WITH_OUTPUT(write_sd_fragment(slot, g, d, f), 1, "problem with the graph\n$");
+  std::fclose(f);
+}
+
+TEST(write_descriptor_file, lists_descriptors_in_occurrence_order) {
+  FragmentTable table;
+  table.csr = {{{7, 3}, {8, 2}, {2, 1}}, {}, {{8, 5}}};
+  table.csrcount = {{3, 100, 3}, {0, 100, 0}, {1, 100, 1}};
+  std::vector<int> idmap(10, -1);
+  idmap[7] = 4;
+  idmap[2] = 1;
+  const std::string dir = make_temp_dir();
+  testing::internal::CaptureStdout();
+  write_descriptor_file(dir + "/run", table, idmap, {"name", "c17", "3"});
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Descriptors generated : writing id and frequency files\n");
+  EXPECT_EQ(read_file(dir + "/run.out"), "\"name\",2,4,3,1,1\n\"c17\",0\n\"3\",0\n");
+  remove_tree(dir);
+}
+
+}  // namespace

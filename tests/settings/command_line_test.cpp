@@ -1,0 +1,125 @@
+// The command line as a user types it: messages, usage text, exit statuses
+// and the settings echo, checked on the built binary.
+#include <gtest/gtest.h>
+
+#include "settings/settings.h"
+#include "support/process.h"
+
+namespace {
+
+using namespace testsupport;
+
+// The usage text as documented for users, kept as a file beside the tests.
+std::string usage_text() { return read_file(std::string(TAVRIX_TEST_DATA) + "/settings/usage.txt"); }
+
+class command_line : public ::testing::Test {
+ protected:
+  void SetUp() override { work = make_temp_dir(); }
+  void TearDown() override { remove_tree(work); }
+  RunResult run(std::vector<std::string> args) { return run_tavrix(args, work); }
+  std::string work;
+};
+
+const char* const invalid_options = "Error : Invalid options.\n";
+const char* const no_extension =
+    "Input filename does not have either .sdf or .mol2 as extention\n"
+    "Input file must be either SD file or Mol2. Refer to README.txt\n";
+
+TEST(usage, print_usage_writes_the_documented_text) {
+  testing::internal::CaptureStdout();
+  print_usage();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), usage_text());
+}
+
+TEST_F(command_line, no_argument_prints_usage_with_status_0) {
+  RunResult r = run({});
+  EXPECT_EQ(r.out, usage_text());
+  EXPECT_EQ(r.status, 0);
+}
+
+TEST_F(command_line, help_alone_is_an_input_name_without_extension) {
+  RunResult r = run({"-help"});
+  EXPECT_EQ(r.out, no_extension);
+  EXPECT_EQ(r.status, 1);
+}
+
+TEST_F(command_line, help_or_unknown_word_before_the_input_prints_usage) {
+  for (const char* word : {"-help", "-x", "lmax", "-LMAX", "-NoAtmLabels=1"}) {
+    RunResult r = run({word, "x.sdf"});
+    EXPECT_EQ(r.out, usage_text()) << word;
+    EXPECT_EQ(r.status, 0) << word;
+  }
+}
+
+TEST_F(command_line, invalid_values_name_the_option) {
+  struct Case { std::vector<std::string> args; const char* message; };
+  const Case cases[] = {
+      {{"-ds", "qz", "x.sdf"}, "\nError: Invalid value for ds\n"},
+      {{"-ds", "XX", "x.sdf"}, "\nError: Invalid value for ds\n"},
+      {{"-lmin", "-1", "x.sdf"}, "\nError: Invalid value for lmin\n"},
+      {{"-lmax", "+2", "x.sdf"}, "\nError: Invalid value for lmax\n"},
+      {{"-fmin", "a", "x.sdf"}, "\nError: Invalid value for fmin\n"},
+      {{"-lmin", "x.sdf"}, "\nError: Invalid value for lmin\n"},  // the input consumed as the value
+  };
+  for (const Case& c : cases) {
+    RunResult r = run(c.args);
+    EXPECT_EQ(r.out, c.message + usage_text()) << c.args[0] << " " << c.args[1];
+    EXPECT_EQ(r.status, 0);
+  }
+}
+
+TEST_F(command_line, value_option_consuming_the_input_is_invalid) {
+  RunResult r = run({"-lmin", "3", "-ofile", "x.sdf"});
+  EXPECT_EQ(r.out, invalid_options + usage_text());
+  EXPECT_EQ(r.status, 0);
+}
+
+TEST_F(command_line, input_name_without_dot_has_status_1) {
+  RunResult r = run({"-lmax", "3", "compounds"});
+  EXPECT_EQ(r.out, no_extension);
+  EXPECT_EQ(r.status, 1);
+}
+
+// Settings are echoed before the input is opened; a missing input then ends
+// the run, which is enough to read the echo.
+std::string echo_line(const RunResult& r) { return r.out.substr(0, r.out.find('\n') + 1); }
+
+TEST_F(command_line, echo_shows_the_settings_in_order) {
+  EXPECT_EQ(echo_line(run({"-lmin", "2", "-lmax", "5", "x.sdf"})),
+            "mint = 2,maxt = 5,freqt = 1,option = QZ,opt = 1,outfile = x,filestub = x.sdf\n");
+  EXPECT_EQ(echo_line(run({"-ds", "TF", "-fmin", "12abc", "x.mol2"})),
+            "mint = 1,maxt = 7,freqt = 12,option = TF,opt = 2,outfile = x,filestub = x.mol2\n");
+  EXPECT_EQ(echo_line(run({"-ds", "PF", "-ds", "QZ", "-lmin", "0", "-fmin", "0", "x.sdf"})),
+            "mint = 0,maxt = 7,freqt = 0,option = QZ,opt = 1,outfile = x,filestub = x.sdf\n");
+  EXPECT_EQ(echo_line(run({"-ds", "PF", "-ofile", "out/run7", "set.b.mol2"})),
+            "mint = 1,maxt = 7,freqt = 1,option = PF,opt = 3,outfile = out/run7,filestub = set.b.mol2\n");
+  EXPECT_EQ(echo_line(run({"./x.mol2"})),
+            "mint = 1,maxt = 7,freqt = 1,option = QZ,opt = 1,outfile = ,filestub = ./x.mol2\n");
+}
+
+TEST(parse_arguments, format_follows_the_letter_after_the_first_dot) {
+  struct Case { const char* name; bool mol2; const char* stem; };
+  const Case cases[] = {{"data.MOL2", false, "data"}, {"data.mol", true, "data"},   {"data.m", true, "data"},
+                        {"data.txt", false, "data"},  {"set.b.mol2", false, "set"}, {"./x.mol2", false, ""},
+                        {"x.sdf", false, "x"},        {"dir.v2/x.sdf", false, "dir"}};
+  for (const Case& c : cases) {
+    std::vector<std::string> words = {"Tavrix", "-NoAtmLabels", "-NoAtmLabels", c.name};
+    std::vector<char*> argv;
+    for (std::string& w : words) argv.push_back(w.data());
+    testing::internal::CaptureStdout();
+    RunSettings s = parse_arguments(static_cast<int>(argv.size()), argv.data());
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(s.mol2input, c.mol2) << c.name;
+    EXPECT_EQ(s.outfstem, c.stem) << c.name;
+    EXPECT_TRUE(s.NoAtmLabels);
+    EXPECT_FALSE(s.NoBndLabels);
+  }
+}
+
+TEST(classify_option, matches_exact_words_only) {
+  const char* words[] = {"-ds", "-lmin", "-lmax", "-fmin", "-ofile", "-help", "-NoAtmLabels", "-NoBndLabels"};
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(classify_option(words[i]), i + 1);
+  for (const char* other : {"", "-", "-DS", "-noatmlabels", "-lmin ", "ds"}) EXPECT_EQ(classify_option(other), 0);
+}
+
+}  // namespace
