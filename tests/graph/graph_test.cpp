@@ -71,7 +71,8 @@ TEST(compare_graphs, ignores_vid_vcell_ncell_but_not_labels) {
   b.el[0] = b.el[1] = 2;
   EXPECT_NE(compare_graphs(a, b), 0);
   b = a;
-  b.key = a.key + 0x80000000u;  // the key difference is taken as signed
+  a.key = 5;
+  b.key = 0xFFFFFFF0u;  // the 32-bit difference taken as signed: 5 - (-16) > 0
   EXPECT_EQ(compare_graphs(a, b), 1);
   EXPECT_EQ(compare_graphs(b, a), -1);
 }
