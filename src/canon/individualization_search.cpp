@@ -1,0 +1,82 @@
+// Search for large cells: fix one vertex of the first non-trivial cell as a
+// cell of its own, refine, go deeper, and keep the leaf with the greatest code.
+#include <algorithm>
+
+#include "canon/canon_internal.h"
+#include "common/common.h"
+
+namespace {
+
+int first_open_cell(const CanonState& m, int from) {
+  for (int c = from; c < m.parts; ++c)
+    if (m.part[c + 1] - m.part[c] > 1) return c;
+  return -1;
+}
+
+}  // namespace
+
+void copy_partition(const CanonState& src, CanonState& dst) {
+  TAVRIX_CHECK(src.vs == dst.vs);
+  for (int k = 0; k < src.vs; ++k) dst.vtx[k].p = src.vtx[k].p;
+  std::copy_n(src.part.begin(), src.vs + 1, dst.part.begin());
+  dst.parts = src.parts;
+}
+
+void individualize(CanonState& m, int v, const SaveArea& save) {
+  std::copy_n(m.perm.begin(), m.vs, save.perm);
+  std::copy_n(m.perm_inv.begin(), m.vs, save.perm_inv);
+  for (int k = 0; k < m.vs; ++k) save.p[k] = m.vtx[k].p;
+  // v keeps its cell index; the rest of its cell and every later cell move up
+  // one, so cell indices stay consecutive and v sorts to the cell's front.
+  bool hit = false;
+  for (int q = m.part[m.vtx[v].p]; q < m.vs; ++q) {
+    if (m.perm[q] == v) hit = true;
+    else ++m.vtx[m.perm[q]].p;
+  }
+  TAVRIX_CHECK(hit);
+  sort_vertices(m);
+  refine(m);
+}
+
+void restore_level(CanonState& m, const SaveArea& save) {
+  std::copy_n(save.perm, m.vs, m.perm.begin());
+  for (int k = 0; k < m.vs; ++k) m.vtx[k].p = save.p[k];
+  // The saved order is sorted under the saved cells: the sort keeps it and
+  // rebuilds perm_inv, and one refinement pass restores part, parts and P.
+  sort_vertices(m);
+  refine(m);
+}
+
+void individualization_search(CanonState& m, int c, int prev, CanonState& best) {
+  if (m.parts != m.vs) {
+    TAVRIX_CHECK(m.part[c + 1] - m.part[c] > 1);
+    const int pindex = first_open_cell(m, 0);
+    TAVRIX_CHECK(pindex != -1);
+    TAVRIX_CHECK(pindex == c);
+    const SaveArea save = take_save_area(m.vs);
+    // Every trial starts from the level's cells and order (restored below),
+    // so the bounds of cell c hold for the whole loop.
+    const int first = m.part[c], end = m.part[c + 1];
+    for (int k = first; k < end; ++k) {
+      individualize(m, m.perm[k], save);
+      TAVRIX_CHECK(m.parts <= m.vs);
+      // Cells before c are single vertices, so cell c starts at position c
+      // and now holds just the vertex fixed: rows 0..c are settled.
+      if (compare_rows(m, best, 0, c) >= 0) {
+        int next = first_open_cell(m, c + 1);
+        if (next == -1) next = m.vs - 1;
+        individualization_search(m, next, c, best);
+      }
+      restore_level(m, save);
+    }
+    release_save_area(m.vs);
+    return;
+  }
+  // A leaf. The best record starts as the refined, non-discrete record, so
+  // the first leaf is always taken; later ones must be strictly greater over
+  // the rows from the parent's fixed position on.
+  if (best.parts != best.vs || compare_rows(m, best, prev, c) > 0) {
+    copy_permutation(m, best);
+    copy_partition(m, best);
+  }
+}

@@ -1,0 +1,87 @@
+// The fragment hash table with linear probing, and the per-compound lists of
+// fragments found with their counts.
+#include <cstdint>
+
+#include "common/common.h"
+#include "table/table.h"
+
+void create_table(FragmentTable& table) {
+  table.hashg.assign(HASHTBL_SIZE, HashEntry{});
+  table.stored.clear();
+}
+
+void create_occurrence_lists(FragmentTable& table, int n) {
+  table.csrcount.assign(n, OccurrenceCount{0, 100, 0});
+  table.csr.assign(n, std::vector<Occurrence>(100));
+}
+
+std::uint32_t compute_key(const Graph& g) {
+  const std::uint32_t n = 2u * g.es + 2u * g.vs + 1u;
+  std::uint32_t h = 4u * n;
+  auto mix = [&h](int value) {
+    const std::uint32_t bits = static_cast<std::uint32_t>(value);
+    for (int shift = 0; shift < 32; shift += 8) {
+      // Bytes go in least significant first, each as a signed value, so a
+      // byte of 0xff adds -1 (wrapping) rather than 255.
+      const auto byte = static_cast<std::int8_t>(static_cast<std::uint8_t>(bits >> shift));
+      h ^= (h << 5) + (h >> 3) + static_cast<std::uint32_t>(static_cast<std::int32_t>(byte));
+    }
+  };
+  for (int j = 0; j < g.es; ++j) mix(g.e[j]);
+  for (int i = 0; i <= g.vs; ++i) mix(g.v[i]);
+  for (int j = 0; j < g.es; ++j) mix(g.el[j]);
+  for (int i = 0; i < g.vs; ++i) mix(g.vl[i]);
+  return h;
+}
+
+void insert_fragment(FragmentTable& table, const Graph& g, int compid) {
+  TAVRIX_CHECK(g.vs == table.threshold + 1 && g.es == 2 * table.threshold);
+  const int h = home_slot(g.key);
+  int i = h;
+  while (table.hashg[i].occupied) {
+    // A finished slot (no stored graph) holds a shorter fragment and never matches.
+    const HashEntry& slot = table.hashg[i];
+    if (slot.g != -1 && compare_graphs(table.stored[slot.g], g) == 0) {
+      HashEntry& found = table.hashg[i];
+      if (find_occurrence(table, compid, found.id) == -1) ++found.support;
+      add_occurrence(table, compid, found.id);
+      return;
+    }
+    i = i + 1 == HASHTBL_SIZE ? 0 : i + 1;
+    if (i == h) fatal_error("HASH TABLE FULL: INCREASE THE SIZE\n");
+  }
+  HashEntry& slot = table.hashg[i];
+  slot.occupied = 1;
+  slot.support = 1;
+  slot.id = ++table.total;
+  table.stored.push_back(g);
+  slot.g = static_cast<int>(table.stored.size()) - 1;
+  add_occurrence(table, compid, slot.id);
+}
+
+int find_occurrence(const FragmentTable& table, int compid, int id) {
+  const OccurrenceCount& count = table.csrcount[compid];
+  const std::vector<Occurrence>& list = table.csr[compid];
+  // Earlier lengths' entries, below offset, can never hold this id.
+  for (int p = count.offset; p < count.size; ++p)
+    if (list[p].id == id) return p;
+  return -1;
+}
+
+void add_occurrence(FragmentTable& table, int compid, int id) {
+  TAVRIX_CHECK(id >= 1);
+  OccurrenceCount& count = table.csrcount[compid];
+  std::vector<Occurrence>& list = table.csr[compid];
+  TAVRIX_CHECK(count.offset <= count.size);
+  const int p = find_occurrence(table, compid, id);
+  if (p != -1) {
+    ++list[p].count;
+    return;
+  }
+  if (count.size == count.capacity) {
+    count.capacity *= 2;
+    list.resize(count.capacity);
+  }
+  list[count.size] = Occurrence{id, 1};
+  ++count.size;
+}
