@@ -1,0 +1,376 @@
+// Canonical labelling: the worked examples, the search steps, and properties
+// over random labelled trees checked against a brute force.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "canon/canon.h"
+#include "canon/canon_internal.h"
+#include "graph/graph.h"
+#include "table/table.h"
+
+namespace {
+
+struct Bond {
+  int u, w, label;
+};
+
+Graph make_graph(const std::vector<int>& labels, const std::vector<Bond>& bonds) {
+  Graph g;
+  g.vs = static_cast<int>(labels.size());
+  g.es = 2 * static_cast<int>(bonds.size());
+  g.vl = labels;
+  g.vid.resize(g.vs);
+  for (int k = 0; k < g.vs; ++k) g.vid[k] = k;
+  g.vcell.assign(g.vs, 0);
+  std::vector<EdgeTriple> triples;
+  for (const Bond& b : bonds) {
+    triples.push_back({b.u, b.w, b.label});
+    triples.push_back({b.w, b.u, b.label});
+  }
+  build_adjacency(triples, g);
+  return g;
+}
+
+Graph labelled(Graph g) {
+  canonical_label(g);
+  return g;
+}
+
+bool same_form(const Graph& a, const Graph& b) {
+  return a.vs == b.vs && a.es == b.es && a.v == b.v && a.e == b.e && a.el == b.el && a.vl == b.vl &&
+         a.key == b.key;
+}
+
+// The order refinement alone leaves, on a record of its own.
+std::vector<int> refined_order(const Graph& g, int* largest_cell = nullptr) {
+  CanonState m;
+  create_state(m, g.vs);
+  load_graph(m, g);
+  refine(m);
+  if (largest_cell) {
+    *largest_cell = 0;
+    for (int c = 0; c < m.parts; ++c) *largest_cell = std::max(*largest_cell, m.part[c + 1] - m.part[c]);
+  }
+  return std::vector<int>(m.perm.begin(), m.perm.begin() + m.vs);
+}
+
+bool bonded(const Graph& g, int a, int b) {
+  for (int j = g.v[a]; j < g.v[a + 1]; ++j)
+    if (g.e[j] == b) return true;
+  return false;
+}
+
+Graph star(int leaves, int centre) {
+  std::vector<Bond> bonds;
+  for (int k = 0; k <= leaves; ++k)
+    if (k != centre) bonds.push_back({centre, k, 0});
+  return make_graph(std::vector<int>(leaves + 1, 3), bonds);
+}
+
+}  // namespace
+
+TEST(CanonExamples, TwoBondedVerticesPutTheLowerLabelFirst) {
+  const Graph g = labelled(make_graph({5, 2}, {{0, 1, 0}}));
+  EXPECT_EQ(g.vl, (std::vector<int>{2, 5}));
+  EXPECT_EQ(g.vid, (std::vector<int>{1, 0}));
+  EXPECT_EQ(g.v, (std::vector<int>{0, 1, 2}));
+  EXPECT_EQ(g.e, (std::vector<int>{1, 0}));
+  EXPECT_EQ(g.el, (std::vector<int>{0, 0}));
+  EXPECT_EQ(g.ncell, 2);
+  EXPECT_EQ(g.vcell, (std::vector<int>{0, 1}));
+}
+
+TEST(CanonExamples, OneVertexStaysAsItIsInOneCell) {
+  const Graph g = labelled(make_graph({7}, {}));
+  EXPECT_EQ(g.v, (std::vector<int>{0, 0}));
+  EXPECT_EQ(g.vid, (std::vector<int>{0}));
+  EXPECT_EQ(g.vl, (std::vector<int>{7}));
+  EXPECT_EQ(g.ncell, 1);
+  EXPECT_EQ(g.vcell, (std::vector<int>{0}));
+}
+
+TEST(CanonExamples, LoadingThenStoringLeavesTheGraphUnchangedInOneCell) {
+  const Graph g = make_graph({1, 0, 2, 1}, {{0, 1, 1}, {1, 2, 0}, {1, 3, 2}});
+  Graph h = g;
+  prepare_scratch(h.vs);
+  load_graph(working_state(), h);
+  store_graph(working_state(), h);
+  EXPECT_EQ(h.v, g.v);
+  EXPECT_EQ(h.e, g.e);
+  EXPECT_EQ(h.el, g.el);
+  EXPECT_EQ(h.vl, g.vl);
+  EXPECT_EQ(h.vid, g.vid);
+  EXPECT_EQ(h.ncell, 1);
+}
+
+TEST(CanonExamples, FourChainPutsTheEndBondedToPositionZeroAtPositionTwo) {
+  // Numbered along the chain and with the ends swapped relative to the middle.
+  for (const Graph& input : {make_graph({4, 4, 4, 4}, {{0, 1, 0}, {1, 2, 0}, {2, 3, 0}}),
+                             make_graph({4, 4, 4, 4}, {{3, 0, 0}, {0, 2, 0}, {2, 1, 0}})}) {
+    const Graph g = labelled(input);
+    // Code rows [1], [1, 0], [0, 1, 0].
+    EXPECT_EQ(g.v, (std::vector<int>{0, 2, 4, 5, 6}));
+    EXPECT_EQ(g.e, (std::vector<int>{1, 2, 0, 3, 0, 1}));
+    EXPECT_EQ(g.ncell, 2);
+    EXPECT_EQ(g.vcell, (std::vector<int>{0, 0, 1, 1}));
+  }
+}
+
+TEST(CanonExamples, StarWithFourLeavesKeepsTheArrangementRefinementLeft) {
+  // The centre numbered 2: the tie rule moves it to the front by exchanging
+  // it with vertex 0, so the leaves stand as 1, 0, 3, 4.
+  const Graph input = star(4, 2);
+  ASSERT_EQ(refined_order(input), (std::vector<int>{2, 1, 0, 3, 4}));
+  const Graph g = labelled(input);
+  EXPECT_EQ(g.vid, (std::vector<int>{2, 1, 0, 3, 4}));
+  EXPECT_EQ(g.ncell, 2);
+}
+
+TEST(CanonExamples, StarWithFiveLeavesGoesThroughIndividualizationInRefinementOrder) {
+  const Graph input = star(5, 2);
+  int largest = 0;
+  ASSERT_EQ(refined_order(input, &largest), (std::vector<int>{2, 1, 0, 3, 4, 5}));
+  ASSERT_EQ(largest, SEARCH_CELL_LIMIT);
+  const Graph g = labelled(input);
+  EXPECT_EQ(g.vid, (std::vector<int>{2, 1, 0, 3, 4, 5}));
+  EXPECT_EQ(g.ncell, 6);  // the leaf's discrete partition
+  EXPECT_EQ(g.vcell, (std::vector<int>{0, 1, 1, 1, 1, 1}));  // cells of refinement
+}
+
+TEST(CanonExamples, TwoCentresPutTheIndividualizedCentreAndItsNeighboursFirst) {
+  // Centres 5 and 2, scrambled among their neighbours.
+  const Graph input = make_graph(std::vector<int>(8, 1), {{5, 2, 0}, {5, 0, 0}, {5, 7, 0}, {5, 3, 0},
+                                                          {2, 1, 0}, {2, 4, 0}, {2, 6, 0}});
+  const std::vector<int> order = refined_order(input);
+  ASSERT_EQ(std::min(order[0], order[1]), 2);
+  ASSERT_EQ(std::max(order[0], order[1]), 5);
+  const Graph g = labelled(input);
+  EXPECT_EQ(g.vid[0], order[0]);
+  EXPECT_EQ(g.vid[1], order[1]);
+  for (int k = 2; k < 5; ++k) EXPECT_TRUE(bonded(input, g.vid[0], g.vid[k])) << k;
+  for (int k = 5; k < 8; ++k) EXPECT_TRUE(bonded(input, g.vid[1], g.vid[k])) << k;
+  EXPECT_EQ(g.ncell, 8);
+  EXPECT_EQ(g.vcell, (std::vector<int>{0, 0, 1, 1, 1, 1, 1, 1}));
+}
+
+TEST(CanonExamples, BondLabelsDecideWhetherTwoChainsAreTheSameFragment) {
+  const Graph a = labelled(make_graph({1, 1, 2}, {{0, 1, 0}, {1, 2, 1}}));
+  const Graph b = labelled(make_graph({1, 1, 2}, {{0, 1, 1}, {1, 2, 0}}));
+  EXPECT_NE(compare_graphs(a, b), 0);
+  const Graph c = labelled(make_graph({2, 1, 2}, {{0, 1, 0}, {1, 2, 1}}));
+  const Graph d = labelled(make_graph({2, 1, 2}, {{0, 1, 1}, {1, 2, 0}}));
+  EXPECT_EQ(compare_graphs(c, d), 0);
+}
+
+TEST(CanonSteps, NextCellPermutationCyclesThroughEveryArrangementBackToTheStart) {
+  CanonState m;
+  create_state(m, 3);
+  m.vs = 3;
+  m.parts = 1;
+  m.part[0] = 0;
+  m.part[1] = 3;
+  m.perm = m.perm0 = {2, 0, 1};
+  const std::vector<std::array<int, 3>> expected = {{2, 1, 0}, {0, 1, 2}, {0, 2, 1}, {1, 0, 2}, {1, 2, 0}};
+  for (const auto& arrangement : expected) {
+    ASSERT_EQ(next_cell_permutation(m, 0), 1);
+    EXPECT_EQ(std::vector<int>(m.perm.begin(), m.perm.end()),
+              std::vector<int>(arrangement.begin(), arrangement.end()));
+    for (int k = 0; k < 3; ++k) EXPECT_EQ(m.perm_inv[m.perm[k]], k);
+  }
+  EXPECT_EQ(next_cell_permutation(m, 0), 0);
+  EXPECT_EQ(m.perm, (std::vector<int>{2, 0, 1}));
+}
+
+TEST(CanonSteps, RefinementPutsTheMiddleOfAThreeChainInItsOwnFirstCell) {
+  CanonState m;
+  create_state(m, 3);
+  load_graph(m, make_graph({1, 1, 1}, {{0, 1, 0}, {1, 2, 0}}));
+  refine(m);
+  EXPECT_EQ(m.parts, 2);
+  EXPECT_EQ(m.perm[0], 1);
+  EXPECT_EQ(m.vtx[0].p, 1);
+  EXPECT_EQ(m.vtx[2].p, 1);
+}
+
+TEST(CanonSteps, RefinementSplitsAFourChainWithOneOddEndIntoSingleVertices) {
+  // First pass: {middles}, {end 1}, {end 2}; the second tells the middles
+  // apart by their neighbours' cells.
+  CanonState m;
+  create_state(m, 4);
+  load_graph(m, make_graph({1, 1, 1, 2}, {{0, 1, 0}, {1, 2, 0}, {2, 3, 0}}));
+  refine(m);
+  EXPECT_EQ(m.parts, 4);
+  EXPECT_EQ(std::vector<int>(m.perm.begin(), m.perm.end()), (std::vector<int>{1, 2, 0, 3}));
+  for (int k = 0; k < 4; ++k) EXPECT_EQ(m.vtx[m.perm[k]].p, k);
+}
+
+TEST(CanonSteps, RestoringALevelBringsBackItsCellsAndOrder) {
+  const Graph input = star(5, 3);
+  prepare_scratch(input.vs);
+  CanonState& m = working_state();
+  load_graph(m, input);
+  refine(m);
+  const std::vector<int> perm(m.perm.begin(), m.perm.begin() + 6);
+  const int parts = m.parts;
+  const std::vector<int> part(m.part.begin(), m.part.begin() + parts + 1);
+  std::vector<int> p;
+  for (int k = 0; k < 6; ++k) p.push_back(m.vtx[k].p);
+
+  std::vector<int> storage(18);
+  const SaveArea save{storage.data(), storage.data() + 6, storage.data() + 12};
+  const int leaf = perm[3];
+  individualize(m, leaf, save);
+  EXPECT_EQ(m.perm[1], leaf);  // alone at the front of its old cell
+  EXPECT_EQ(m.parts, 3);
+  EXPECT_EQ(m.part[2] - m.part[1], 1);
+
+  restore_level(m, save);
+  EXPECT_EQ(std::vector<int>(m.perm.begin(), m.perm.begin() + 6), perm);
+  ASSERT_EQ(m.parts, parts);
+  EXPECT_EQ(std::vector<int>(m.part.begin(), m.part.begin() + parts + 1), part);
+  for (int k = 0; k < 6; ++k) {
+    EXPECT_EQ(m.vtx[k].p, p[k]);
+    EXPECT_EQ(m.perm_inv[m.perm[k]], k);
+  }
+}
+
+// ---- Random trees -----------------------------------------------------------
+
+namespace {
+
+constexpr std::uint32_t kSeed = 20240611;
+
+int draw(std::mt19937& rng, int n) { return static_cast<int>(rng() % static_cast<std::uint32_t>(n)); }
+
+void shuffle(std::vector<int>& items, std::mt19937& rng) {
+  for (int k = static_cast<int>(items.size()) - 1; k > 0; --k) std::swap(items[k], items[draw(rng, k + 1)]);
+}
+
+struct Tree {
+  std::vector<int> labels;
+  std::vector<Bond> bonds;
+};
+
+Tree random_tree(std::mt19937& rng, int max_vertices, int vertex_labels, int bond_labels) {
+  Tree t;
+  const int n = 1 + draw(rng, max_vertices);
+  for (int k = 0; k < n; ++k) t.labels.push_back(draw(rng, vertex_labels));
+  for (int k = 1; k < n; ++k) t.bonds.push_back({draw(rng, k), k, draw(rng, bond_labels)});
+  return t;
+}
+
+Graph renumbered(const Tree& t, std::mt19937& rng) {
+  std::vector<int> to(t.labels.size());
+  for (std::size_t k = 0; k < to.size(); ++k) to[k] = static_cast<int>(k);
+  shuffle(to, rng);
+  std::vector<int> labels(to.size());
+  for (std::size_t k = 0; k < to.size(); ++k) labels[to[k]] = t.labels[k];
+  std::vector<Bond> bonds;
+  for (const Bond& b : t.bonds) bonds.push_back({to[b.u], to[b.w], b.label});
+  return make_graph(labels, bonds);
+}
+
+// Greatest (labels, adjacency) encoding over all vertex orders: equal exactly
+// for isomorphic labelled graphs.
+std::vector<int> brute_form(const Graph& g) {
+  std::vector<int> order(g.vs), best;
+  for (int k = 0; k < g.vs; ++k) order[k] = k;
+  std::vector<int> code(g.vs * g.vs);
+  do {
+    std::vector<int> enc;
+    for (int k = 0; k < g.vs; ++k) enc.push_back(g.vl[order[k]]);
+    for (int a = 0; a < g.vs; ++a)
+      for (int b = 0; b < g.vs; ++b) {
+        int c = 0;
+        for (int j = g.v[order[a]]; j < g.v[order[a] + 1]; ++j)
+          if (g.e[j] == order[b]) c = g.el[j] + 1;
+        enc.push_back(c);
+      }
+    if (enc > best) best = enc;
+  } while (std::next_permutation(order.begin(), order.end()));
+  return best;
+}
+
+// The result must be the input with its vertices reordered as vid says.
+void expect_relabelling_of(const Graph& input, const Graph& g) {
+  std::vector<int> seen(input.vs, 0);
+  for (int k = 0; k < g.vs; ++k) {
+    ASSERT_EQ(seen[g.vid[k]]++, 0);
+    EXPECT_EQ(g.vl[k], input.vl[g.vid[k]]);
+    for (int j = g.v[k]; j < g.v[k + 1]; ++j) {
+      const int a = g.vid[k], b = g.vid[g.e[j]];
+      bool found = false;
+      for (int i = input.v[a]; i < input.v[a + 1]; ++i) found |= input.e[i] == b && input.el[i] == g.el[j];
+      EXPECT_TRUE(found);
+    }
+  }
+  EXPECT_EQ(g.es, input.es);
+  EXPECT_EQ(g.key, compute_key(g));
+}
+
+}  // namespace
+
+TEST(CanonProperties, RenumberedTreesGetOneFormWheneverThePermutationSearchSuffices) {
+  std::mt19937 rng(kSeed);
+  int checked = 0;
+  for (int round = 0; round < 400; ++round) {
+    const Tree t = random_tree(rng, 8, 3, 2);
+    const Graph first = renumbered(t, rng);
+    int largest = 0;
+    refined_order(first, &largest);
+    const Graph form = labelled(first);
+    expect_relabelling_of(first, form);
+    if (largest >= SEARCH_CELL_LIMIT) continue;
+    ++checked;
+    for (int again = 0; again < 5; ++again) {
+      const Graph other = renumbered(t, rng);
+      const Graph g = labelled(other);
+      expect_relabelling_of(other, g);
+      ASSERT_TRUE(same_form(form, g)) << "seed " << kSeed << " round " << round;
+    }
+  }
+  EXPECT_GT(checked, 300);
+}
+
+TEST(CanonProperties, SmallTreesShareAFormExactlyWhenIsomorphic) {
+  std::mt19937 rng(kSeed + 1);
+  struct Item {
+    Graph form;
+    std::vector<int> brute;
+    bool permutation_path;
+  };
+  std::vector<Item> items;
+  for (int k = 0; k < 250; ++k) {
+    const Graph g = renumbered(random_tree(rng, 6, 2, 2), rng);
+    int largest = 0;
+    refined_order(g, &largest);
+    items.push_back({labelled(g), brute_form(g), largest < SEARCH_CELL_LIMIT});
+  }
+  int isomorphic_pairs = 0;
+  for (std::size_t a = 0; a < items.size(); ++a)
+    for (std::size_t b = a + 1; b < items.size(); ++b) {
+      const bool iso = items[a].brute == items[b].brute;
+      const bool same = compare_graphs(items[a].form, items[b].form) == 0;
+      isomorphic_pairs += iso;
+      if (!iso) {
+        EXPECT_FALSE(same) << "seed " << kSeed + 1 << " items " << a << ", " << b;
+      } else if (items[a].permutation_path) {
+        EXPECT_TRUE(same) << "seed " << kSeed + 1 << " items " << a << ", " << b;
+      }
+    }
+  EXPECT_GT(isomorphic_pairs, 50);
+}
+
+TEST(CanonProperties, ScratchRecordsGrowForALargerGraphAndServeSmallerOnesAfter) {
+  const Graph small = labelled(star(2, 0));
+  const Graph big = labelled(star(7, 4));
+  EXPECT_GE(scratch_capacity(), 8);
+  const Graph small_again = labelled(star(2, 0));
+  EXPECT_TRUE(same_form(small, small_again));
+  EXPECT_EQ(big.vid[0], 4);
+}
