@@ -415,12 +415,3 @@ TEST(CanonProperties, ThePermutationSearchFindsTheGreatestCodeWithinTheCells) {
         << "seed " << kSeed + 2 << " round " << round;
   }
 }
-
-TEST(CanonProperties, ScratchRecordsGrowForALargerGraphAndServeSmallerOnesAfter) {
-  const Graph small = labelled(star(2, 0));
-  const Graph big = labelled(star(7, 4));
-  EXPECT_GE(scratch_capacity(), 8);
-  const Graph small_again = labelled(star(2, 0));
-  EXPECT_TRUE(same_form(small, small_again));
-  EXPECT_EQ(big.vid[0], 4);
-}
