@@ -1,0 +1,128 @@
+// Pieces shared by the three passes of both readers: the line source, the
+// tokeniser, the atom label list of the dictionary pass and the record
+// references that every malformed-input message names.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/common.h"
+#include "graph/graph.h"
+#include "settings/settings.h"
+
+// Every line is read into this many bytes, terminator included; a longer
+// line arrives as several lines.
+constexpr std::size_t LINE_BUFFER_SIZE = 500000;
+// A line holds at most MAX_TOKENS - 1 tokens of at most MAX_TOKEN_LENGTH bytes.
+constexpr int MAX_TOKENS = 1000;
+constexpr std::size_t MAX_TOKEN_LENGTH = 999;
+constexpr int MAX_ATOM_LABELS = 1000;
+// Both atom count and adjacency entries (twice the bonds) are held below 1000.
+constexpr int MAX_GRAPH_SIZE = 999;
+// Mol2 bonds collected before the adjacency entries are made.
+constexpr int MAX_MOL2_BONDS = 1000;
+// The part of a Mol2 atom type before its '.' under -NoAtmLabels is an
+// element symbol or a short SYBYL word ("Du", "Any", "Hal"); 15 bytes leave
+// ample room for both while still catching a field that is clearly not a type.
+constexpr std::size_t MAX_BASIC_TYPE_LENGTH = 15;
+
+// Reads one pass's lines. A carriage return right before the line feed (or at
+// the end of the file) is dropped, so CRLF files read exactly like LF files,
+// line length limit included. A line is seen up to its first NUL byte, as a
+// C string would be, so binary data never reaches past what the passes agree on.
+struct InputLines {
+  std::FILE* stream = nullptr;
+  std::vector<char> buffer = std::vector<char>(LINE_BUFFER_SIZE);
+  std::string_view line;  // the current line, its line feed included when it has one
+};
+
+// False at end of file (line then empty).
+bool next_line(InputLines& in);
+
+// Which record a message is about: the 1-based number and the name as the
+// reader forms it.
+struct RecordRef {
+  int number = 0;
+  std::string name;
+};
+
+// "compound <number> (<name>): <what>" on standard output, status 1.
+[[noreturn]] void refuse_record(const RecordRef& record, const std::string& what);
+
+// The token array of one pass: MAX_TOKENS reusable slots. Slots from `count`
+// on keep what earlier lines left; nobody reads them.
+struct TokenArray {
+  std::vector<std::string> slot = std::vector<std::string>(MAX_TOKENS);
+  int count = 0;
+};
+
+// Splits the line at spaces (tabs stay inside tokens). A line shorter than
+// two bytes or without a token gives count 0 and "nil" in slot 0. A line of
+// MAX_TOKENS or more tokens ends the run with the tokeniser's message pair; a
+// token longer than MAX_TOKEN_LENGTH ends it with a message naming `record`.
+void tokenize_line(std::string_view line, TokenArray& tokens, const RecordRef& record);
+
+// The first space-separated token of the line is "$$$$"; the same test the
+// tokeniser makes, without its limits, for lines a pass does not tokenise.
+bool first_token_is_record_end(std::string_view line);
+
+// The line without its trailing line feed.
+std::string_view without_line_feed(std::string_view line);
+
+// Value of the leading decimal digits of text, 0 when there are none. Large
+// values saturate far above any limit, so they are refused, never wrapped.
+int leading_number(std::string_view text);
+
+// 1 when label is among the first `known` entries of the list, 0 after
+// storing it in slot `known` as a new label, -1 when it is new but every slot
+// is taken (the caller decides what that means).
+int note_atom_label(std::string_view label, int known, std::vector<std::string>& atom_label_list);
+
+// Writes the dictionary file's head: the comment line and the bond labels.
+FilePtr create_dictionary_file(const std::string& dict_name, bool mol2);
+
+// Reads a label dictionary file back into sets sorted in byte order.
+LabelDictionary load_label_dictionary(const std::string& file_name);
+
+// What the dictionary pass hands on to the graph pass.
+struct DictionaryScan {
+  int compounds = 0;
+  // 0-based record at which the 1001st distinct atom label was met, or -1.
+  // The graph pass refuses that record when it reaches it, so that messages
+  // of earlier records keep their turn.
+  int label_overflow_record = -1;
+};
+
+// The atom label list of the dictionary pass and the file it feeds.
+struct LabelCollector {
+  std::FILE* dict = nullptr;
+  std::vector<std::string> atom_label_list = std::vector<std::string>(MAX_ATOM_LABELS);
+  int known = 0;
+  int overflow_record = -1;
+};
+
+// Notes one atom label of record `record` (0-based): a new one is written as
+// "V <label>"; once the list is full, the record is remembered and nothing
+// more is noted.
+void collect_atom_label(LabelCollector& labels, std::string_view label, int record);
+
+// The message of a record whose labels overflowed the list.
+[[noreturn]] void refuse_label_overflow(const RecordRef& record);
+
+// ---- SD reader ----
+
+DictionaryScan scan_sd_labels(const RunSettings& settings, const std::string& dict_name);
+std::vector<Graph> allocate_sd_graphs(const RunSettings& settings, int n);
+void read_sd_graphs(const RunSettings& settings, FilePtr stream, std::vector<Graph>& compounds,
+                    std::vector<std::string>& compound_names, const LabelDictionary& dict,
+                    const DictionaryScan& scan, int& n_out);
+
+// ---- Mol2 reader ----
+
+DictionaryScan scan_mol2_labels(const RunSettings& settings, const std::string& dict_name);
+std::vector<Graph> allocate_mol2_graphs(const RunSettings& settings, int n);
+void read_mol2_graphs(const RunSettings& settings, FilePtr stream, std::vector<Graph>& compounds,
+                      std::vector<std::string>& compound_names, const LabelDictionary& dict,
+                      const DictionaryScan& scan, int& n_out);

@@ -1,0 +1,148 @@
+// What both readers share: the line source, the tokeniser, the atom label
+// list of the dictionary pass, the dictionary file and its loader.
+#include "input/input_internal.h"
+
+#include <cstring>
+
+bool next_line(InputLines& in) {
+  char* buf = in.buffer.data();
+  std::size_t n = 0;
+  while (n < LINE_BUFFER_SIZE - 1) {
+    int c = std::getc(in.stream);
+    if (c == EOF) break;
+    if (c == '\r') {
+      // Drop it when it ends the line, so "\r\n" takes the place of "\n" and
+      // the line fills the buffer exactly as its LF twin would.
+      int after = std::getc(in.stream);
+      if (after == EOF) break;
+      if (after == '\n') {
+        buf[n++] = '\n';
+        break;
+      }
+      std::ungetc(after, in.stream);
+    }
+    buf[n++] = static_cast<char>(c);
+    if (c == '\n') break;
+  }
+  if (n == 0) {
+    in.line = {};
+    return false;
+  }
+  const void* nul = std::memchr(buf, '\0', n);
+  if (nul != nullptr) n = static_cast<const char*>(nul) - buf;
+  in.line = std::string_view(buf, n);
+  return true;
+}
+
+void refuse_record(const RecordRef& record, const std::string& what) {
+  fatal_error(format_text("compound %d (%s): %s\n", record.number, record.name.c_str(), what.c_str()));
+}
+
+std::string_view without_line_feed(std::string_view line) {
+  if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
+  return line;
+}
+
+int leading_number(std::string_view text) {
+  int value = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') break;
+    if (value < 100000000) value = value * 10 + (c - '0');
+  }
+  return value;
+}
+
+void tokenize_line(std::string_view line, TokenArray& tokens, const RecordRef& record) {
+  // Only the part before the first line feed is split, as the copy with its
+  // line feeds cut would be.
+  std::size_t feed = line.find('\n');
+  std::string_view text = line.substr(0, feed);
+  std::size_t first = text.find_first_not_of(' ');
+  if (line.size() < 2 || first == std::string_view::npos) {
+    tokens.count = 0;
+    tokens.slot[0] = "nil";
+    return;
+  }
+  int count = 0;
+  std::size_t pos = first;
+  std::string_view first_token;
+  while (pos != std::string_view::npos) {
+    std::size_t end = text.find(' ', pos);
+    std::string_view token = text.substr(pos, end == std::string_view::npos ? end : end - pos);
+    if (token.size() > MAX_TOKEN_LENGTH)
+      refuse_record(record, format_text("a line holds a field of %zu characters, more than the %zu allowed",
+                                        token.size(), MAX_TOKEN_LENGTH));
+    if (count == 0) first_token = token;
+    tokens.slot[count++].assign(token);
+    // Checked before the next token is looked for, so a line of exactly
+    // MAX_TOKENS tokens is refused as well.
+    if (count == MAX_TOKENS) {
+      std::printf("total items in this transaction = %d,id = %s,str = %s\n", MAX_TOKENS,
+                  tokens.slot[MAX_TOKENS - 1].c_str(), std::string(first_token).c_str());
+      fatal_error("memory for array not sufficient\n");
+    }
+    pos = end == std::string_view::npos ? end : text.find_first_not_of(' ', end);
+  }
+  tokens.count = count;
+}
+
+bool first_token_is_record_end(std::string_view line) {
+  std::string_view text = line.substr(0, line.find('\n'));
+  std::size_t first = text.find_first_not_of(' ');
+  if (line.size() < 2 || first == std::string_view::npos) return false;
+  text.remove_prefix(first);
+  return text.substr(0, text.find(' ')) == "$$$$";
+}
+
+int note_atom_label(std::string_view label, int known, std::vector<std::string>& atom_label_list) {
+  for (int i = 0; i < known; ++i)
+    if (atom_label_list[i] == label) return 1;
+  if (known >= static_cast<int>(atom_label_list.size())) return -1;
+  atom_label_list[known].assign(label);
+  return 0;
+}
+
+void collect_atom_label(LabelCollector& labels, std::string_view label, int record) {
+  if (labels.overflow_record >= 0) return;
+  int found = note_atom_label(label, labels.known, labels.atom_label_list);
+  if (found == -1) {
+    labels.overflow_record = record;
+  } else if (found == 0) {
+    std::fprintf(labels.dict, "V %.*s\n", static_cast<int>(label.size()), label.data());
+    ++labels.known;
+  }
+}
+
+void refuse_label_overflow(const RecordRef& record) {
+  refuse_record(record, format_text("the file holds more than %d distinct atom labels", MAX_ATOM_LABELS));
+}
+
+FilePtr create_dictionary_file(const std::string& dict_name, bool mol2) {
+  FilePtr dict = open_file(dict_name, "w");
+  std::fputs("# number of vertices, # of edges is 4\n", dict.get());
+  std::fputs(mol2 ? "E -\nE =\nE #\nE ~\nE *\n" : "E -\nE =\nE #\nE ~\n", dict.get());
+  return dict;
+}
+
+LabelDictionary load_label_dictionary(const std::string& file_name) {
+  LabelDictionary dict = new_label_dictionary();
+  std::vector<char> buffer(1024);
+  std::size_t size = buffer.size();
+  FilePtr in = open_file(file_name, "r");
+  auto is_space = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
+  while (read_line(buffer, size, in.get())) {
+    const char* line = buffer.data();
+    if (line[0] == '#') continue;
+    if (line[0] != 'E' && line[0] != 'V') fatal_error("invalid line at");
+    // One type letter, any whitespace, then the label up to the next whitespace.
+    const char* p = line + 1;
+    while (*p != '\0' && is_space(*p)) ++p;
+    const char* end = p;
+    while (*end != '\0' && !is_space(*end)) ++end;
+    if (end == p) fatal_error("wrong formatted line at");
+    std::string_view label(p, end - p);
+    if (line[0] == 'E') add_edge_label(label, dict);
+    else add_vertex_label(label, dict);
+  }
+  return dict;
+}

@@ -1,0 +1,208 @@
+// MDL SD reader: fixed-column V2000 records ended by "$$$$", read in the
+// dictionary, allocation and graph passes.
+//
+// The dictionary and allocation passes never refuse a record for its shape:
+// they count a malformed record as a compound and go on, and the graph pass
+// refuses it when it gets there. That way a record's defined messages (too
+// large, invalid bond, missing atom, duplicated bond) and those of every
+// earlier record come first, and all passes agree on every record before the
+// first one refused.
+#include "input/input_internal.h"
+
+namespace {
+
+// Atom lines must reach the first symbol column; V2000 puts the symbol in 32-34.
+constexpr std::size_t SYMBOL_FIRST_COLUMN = 32;
+
+struct SdHeader {
+  std::string name_line;  // line 1, line feed included
+  int na = 0;
+  int nb = 0;
+};
+
+// The bytes of 1-based columns first..last that lie on the line.
+std::string_view columns(std::string_view line, std::size_t first, std::size_t last) {
+  if (line.size() < first) return {};
+  return line.substr(first - 1, last - first + 1);
+}
+
+// A numeric field is the digits of its columns read as one number.
+std::string field_digits(std::string_view line, std::size_t first) {
+  std::string digits;
+  for (char c : columns(line, first, first + 2))
+    if (c >= '0' && c <= '9') digits += c;
+  return digits;
+}
+
+int field_value(std::string_view line, std::size_t first) { return leading_number(field_digits(line, first)); }
+
+std::string atom_symbol(std::string_view line) {
+  std::string symbol;
+  for (char c : columns(line, SYMBOL_FIRST_COLUMN, SYMBOL_FIRST_COLUMN + 2))
+    if (c != ' ' && (c < '\t' || c > '\r')) symbol += c;
+  return symbol;
+}
+
+bool has_symbol_columns(std::string_view line) { return without_line_feed(line).size() >= SYMBOL_FIRST_COLUMN; }
+
+// Lines 1 to 4; false when the file ends first, which is then no record.
+bool read_sd_header(InputLines& in, SdHeader& h) {
+  if (!next_line(in)) return false;
+  h.name_line.assign(in.line);
+  if (!next_line(in) || !next_line(in) || !next_line(in)) return false;
+  h.na = field_value(in.line, 1);
+  h.nb = field_value(in.line, 4);
+  return true;
+}
+
+std::string sd_name(const SdHeader& h, int index) {
+  std::string_view name = without_line_feed(h.name_line);
+  return name.empty() ? std::to_string(index + 1) : std::string(name);
+}
+
+// Passes over the lines up to and including the first whose first token is
+// "$$$$", or to the end of the file.
+void skip_to_record_end(InputLines& in, TokenArray& tokens, const RecordRef& record) {
+  while (next_line(in)) {
+    tokenize_line(in.line, tokens, record);
+    if (tokens.slot[0] == "$$$$") return;
+  }
+}
+
+const char* sd_bond_label(int type) {
+  switch (type) {
+    case 1: return "-";
+    case 2: return "=";
+    case 3: return "#";
+    case 4: return "~";
+    default: return nullptr;
+  }
+}
+
+struct SdBond {
+  int x, y, label;
+};
+
+}  // namespace
+
+DictionaryScan scan_sd_labels(const RunSettings& settings, const std::string& dict_name) {
+  FilePtr dict = create_dictionary_file(dict_name, false);
+  FilePtr file = open_file(settings.infile, "r");
+  InputLines in;
+  in.stream = file.get();
+  TokenArray tokens;
+  LabelCollector labels;
+  labels.dict = dict.get();
+  int count = 0;
+  SdHeader h;
+  while (read_sd_header(in, h)) {
+    RecordRef record{count + 1, sd_name(h, count)};
+    bool file_ended = false, record_ended = false;
+    for (int k = 0; k < h.na && !record_ended; ++k) {
+      if (!next_line(in)) {
+        file_ended = true;
+        break;
+      }
+      // A record cut short by "$$$$" ends here, as it does in the allocation
+      // pass, which tokenises its atom lines; the graph pass refuses it.
+      record_ended = first_token_is_record_end(in.line);
+      // A line too short for a symbol is left for the graph pass to refuse
+      // rather than turned into an empty label the loader would stop at.
+      if (!record_ended && has_symbol_columns(in.line)) collect_atom_label(labels, atom_symbol(in.line), count);
+    }
+    if (!file_ended && !record_ended) skip_to_record_end(in, tokens, record);
+    ++count;
+    if (file_ended) break;
+  }
+  dict.reset();
+  file.reset();
+  std::printf("total compounds = %d\n", count);
+  return DictionaryScan{count, labels.overflow_record};
+}
+
+std::vector<Graph> allocate_sd_graphs(const RunSettings& settings, int n) {
+  std::vector<Graph> compounds(n);
+  FilePtr file = open_file(settings.infile, "r");
+  InputLines in;
+  in.stream = file.get();
+  TokenArray tokens;
+  SdHeader h;
+  // Both counts have three digits at most, so the arrays stay small whatever the file says.
+  for (int i = 0; i < n && read_sd_header(in, h); ++i) {
+    Graph& g = compounds[i];
+    g.e.assign(2 * h.nb, 0);
+    g.el.assign(2 * h.nb, 0);
+    g.v.assign(h.na + 1, 0);
+    g.vid.assign(h.na, 0);
+    g.vl.assign(h.na, 0);
+    skip_to_record_end(in, tokens, RecordRef{i + 1, sd_name(h, i)});
+  }
+  return compounds;
+}
+
+void read_sd_graphs(const RunSettings& settings, FilePtr stream, std::vector<Graph>& compounds,
+                    std::vector<std::string>& compound_names, const LabelDictionary& dict,
+                    const DictionaryScan& scan, int& n_out) {
+  InputLines in;
+  in.stream = stream.get();
+  TokenArray tokens;
+  SdHeader h;
+  std::vector<SdBond> bonds;
+  std::vector<EdgeTriple> triples;
+  int i = 0;
+  for (; read_sd_header(in, h); ++i) {
+    TAVRIX_CHECK(i < static_cast<int>(compounds.size()));
+    Graph& g = compounds[i];
+    RecordRef record{i + 1, sd_name(h, i)};
+    compound_names[i] = record.name;
+    g.vs = h.na;
+    g.es = 2 * h.nb;
+    if (g.vs > MAX_GRAPH_SIZE || g.es > MAX_GRAPH_SIZE)
+      fatal_error(format_text("Graph %s is too large : Max vertices or edges allowed in a compound is 999\n",
+                              record.name.c_str()));
+    if (i == scan.label_overflow_record) refuse_label_overflow(record);
+
+    g.vid.assign(g.vs, 0);
+    g.vl.assign(g.vs, 0);
+    for (int k = 0; k < h.na; ++k) {
+      if (!next_line(in))
+        refuse_record(record, format_text("the file ends after %d of its %d atom lines", k, h.na));
+      if (first_token_is_record_end(in.line))
+        refuse_record(record, format_text("the record ends after %d of its %d atom lines", k, h.na));
+      if (!has_symbol_columns(in.line))
+        refuse_record(record, format_text("atom line %d is shorter than %zu characters and holds no atom symbol",
+                                          k + 1, SYMBOL_FIRST_COLUMN));
+      g.vid[k] = k;
+      g.vl[k] = vertex_label_index(atom_symbol(in.line), dict);
+    }
+
+    bonds.clear();
+    for (int b = 0; b < h.nb; ++b) {
+      if (!next_line(in))
+        refuse_record(record, format_text("the file ends after %d of its %d bond lines", b, h.nb));
+      const char* label = "-";
+      if (!settings.NoBndLabels) {
+        std::string digits = field_digits(in.line, 7);
+        label = sd_bond_label(leading_number(digits));
+        if (label == nullptr) fatal_error(format_text("read sdf file : edge label not valid %s\n", digits.c_str()));
+      }
+      if (first_token_is_record_end(in.line))
+        refuse_record(record, format_text("the record ends after %d of its %d bond lines", b, h.nb));
+      bonds.push_back({field_value(in.line, 1) - 1, field_value(in.line, 4) - 1, edge_label_index(label, dict)});
+    }
+
+    triples.resize(g.es);
+    for (int b = 0; b < h.nb; ++b) {
+      auto [x, y, label] = bonds[b];
+      if (x < 0 || y < 0) refuse_record(record, format_text("bond line %d names atom 0", b + 1));
+      if (x > y) std::swap(x, y);
+      int fx = find_vertex_by_id(x, g), fy = find_vertex_by_id(y, g);
+      triples[2 * b] = {fx, fy, label};
+      triples[2 * b + 1] = {fy, fx, label};
+    }
+    build_adjacency(triples, g);
+    skip_to_record_end(in, tokens, record);
+  }
+  TAVRIX_CHECK(i == static_cast<int>(compounds.size()));
+  n_out = i;
+}
