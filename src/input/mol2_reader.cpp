@@ -234,7 +234,7 @@ void read_mol2_graphs(const RunSettings& settings, FilePtr stream, std::vector<G
     bool bond_marker = false;
     while (next_atom_line(c, bond_marker)) {
       if (k == h.na)
-        refuse_record(record, format_text("the atom section holds more than the %d atom lines of the counts line", h.na));
+        refuse_record(record, format_text("the atom section lists more than the %d atoms of the counts line", h.na));
       tokenize_line(c.in.line, tokens, record);
       std::string_view label;
       if (!form_atom_label(tokens, settings.NoAtmLabels, label)) {
@@ -248,7 +248,7 @@ void read_mol2_graphs(const RunSettings& settings, FilePtr stream, std::vector<G
     }
     if (!bond_marker) refuse_record(record, "the molecule has no @<TRIPOS>BOND line");
     if (k != h.na)
-      refuse_record(record, format_text("the atom section holds %d atom lines, the counts line gives %d", k, h.na));
+      refuse_record(record, format_text("the counts line gives %d atoms, the atom section lists %d", h.na, k));
 
     bonds.clear();
     int bond_lines = 0;
@@ -267,7 +267,7 @@ void read_mol2_graphs(const RunSettings& settings, FilePtr stream, std::vector<G
                        edge_label_index(label, dict)});
     }
     if (h.nb >= 0 && bond_lines != h.nb)
-      refuse_record(record, format_text("the bond section holds %d bond lines, the counts line gives %d", bond_lines, h.nb));
+      refuse_record(record, format_text("the counts line gives %d bonds, the bond section lists %d", h.nb, bond_lines));
 
     g.es = 2 * static_cast<int>(bonds.size());
     triples.resize(g.es);

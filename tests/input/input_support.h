@@ -1,0 +1,132 @@
+// Test support for the compound input: inputs copied into a scratch folder
+// (the dictionary file is written beside them), whole-file loads with the
+// standard output captured, and death tests on exact messages.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+
+#include "input/input.h"
+#include "support/process.h"
+
+namespace inputtest {
+
+// The text of a file of tests/data/input, decompressed when it ends in ".xz".
+inline std::string data(const std::string& name) {
+  const std::string path = std::string(TAVRIX_TEST_DATA) + "/input/" + name;
+  if (name.size() > 3 && name.substr(name.size() - 3) == ".xz") return testsupport::unxz(path);
+  return testsupport::read_file(path);
+}
+
+struct Scratch {
+  std::string dir = testsupport::make_temp_dir();
+  ~Scratch() { testsupport::remove_tree(dir); }
+  std::string put(const std::string& name, const std::string& content) const {
+    testsupport::write_file(dir + "/" + name, content);
+    return dir + "/" + name;
+  }
+};
+
+struct Flags {
+  bool mol2 = false;
+  bool no_atom_labels = false;
+  bool no_bond_labels = false;
+};
+
+inline RunSettings settings_for(const std::string& path, Flags f) {
+  RunSettings s;
+  s.infile = path;
+  s.mol2input = f.mol2;
+  s.NoAtmLabels = f.no_atom_labels;
+  s.NoBndLabels = f.no_bond_labels;
+  return s;
+}
+
+struct Loaded {
+  CompoundInput input;
+  std::string out;  // what the passes printed
+  std::size_t occurrence_lists = 0;
+};
+
+inline Loaded load(const std::string& path, Flags f = {}) {
+  FragmentTable table;
+  testing::internal::CaptureStdout();
+  Loaded r{read_compounds(settings_for(path, f), table), "", 0};
+  r.out = testing::internal::GetCapturedStdout();
+  r.occurrence_lists = table.csr.size();
+  return r;
+}
+
+inline void run_quietly(const std::string& path, Flags f) {
+  FragmentTable table;
+  read_compounds(settings_for(path, f), table);
+}
+
+// An anchored regular expression matching exactly the given text.
+inline std::string exactly(const std::string& text) {
+  std::string re = "^";
+  for (char c : text) {
+    if (std::string_view(".[]{}()*+?^$|\\").find(c) != std::string_view::npos) re += '\\';
+    re += c;
+  }
+  return re + "$";
+}
+
+// The run over the input ends with status 1 after printing exactly `output`.
+#define EXPECT_INPUT_REFUSED(path, flags, output) \
+  EXPECT_EXIT_WITH_OUTPUT(inputtest::run_quietly(path, flags), 1, inputtest::exactly(output))
+
+inline std::string label_of_vertex(const CompoundInput& in, const Graph& g, int k) {
+  return in.dictionary.vertex_labels.items.at(g.vl.at(k));
+}
+
+// Every bond once, as "i-j:label" with 0-based i < j, in adjacency order.
+inline std::vector<std::string> bonds_of(const CompoundInput& in, const Graph& g) {
+  std::vector<std::string> out;
+  for (int i = 0; i < g.vs; ++i)
+    for (int j = g.v[i]; j < g.v[i + 1]; ++j)
+      if (i < g.e[j])
+        out.push_back(std::to_string(i) + "-" + std::to_string(g.e[j]) + ":" +
+                      in.dictionary.edge_labels.items.at(g.el[j]));
+  return out;
+}
+
+// Atoms per atom label and bonds per bond label over the whole input.
+struct Census {
+  int atoms = 0, bonds = 0;
+  std::map<std::string, int> per_atom_label, per_bond_label;
+};
+
+inline Census census(const CompoundInput& in) {
+  Census c;
+  for (const Graph& g : in.compounds) {
+    c.atoms += g.vs;
+    c.bonds += g.es / 2;
+    for (int k = 0; k < g.vs; ++k) ++c.per_atom_label[label_of_vertex(in, g, k)];
+    for (int i = 0; i < g.vs; ++i)
+      for (int j = g.v[i]; j < g.v[i + 1]; ++j)
+        if (i < g.e[j]) ++c.per_bond_label[in.dictionary.edge_labels.items.at(g.el[j])];
+  }
+  return c;
+}
+
+// The record invariants every compound graph keeps: identity ids, offsets
+// that close at es, and each bond seen from both ends with one label.
+inline void expect_well_formed(const Graph& g) {
+  ASSERT_EQ(g.v.size(), static_cast<std::size_t>(g.vs + 1));
+  ASSERT_EQ(g.vid.size(), static_cast<std::size_t>(g.vs));
+  EXPECT_EQ(g.v[g.vs], g.es);
+  for (int k = 0; k < g.vs; ++k) EXPECT_EQ(g.vid[k], k);
+  for (int i = 0; i < g.vs; ++i)
+    for (int j = g.v[i]; j < g.v[i + 1]; ++j) {
+      int k = g.e[j], back = -1;
+      for (int m = g.v[k]; m < g.v[k + 1]; ++m)
+        if (g.e[m] == i) back = m;
+      ASSERT_NE(back, -1);
+      EXPECT_EQ(g.el[back], g.el[j]);
+    }
+}
+
+}  // namespace inputtest

@@ -1,0 +1,258 @@
+// SD input: the public record files, the column and record rules on small
+// hand-written files, and every malformed record with its message.
+#include "input/input_support.h"
+
+namespace {
+
+using namespace inputtest;
+
+const char* const SD_DICT_HEAD = "# number of vertices, # of edges is 4\nE -\nE =\nE #\nE ~\n";
+
+std::string atom_line(const std::string& symbol) {
+  return format_text("%10.4f%10.4f%10.4f %-3s 0  0  0  0  0  0  0  0  0  0  0  0\n", 0.0, 0.0, 0.0, symbol.c_str());
+}
+
+// A record with the given atoms and a chain of nb bonds over them.
+std::string chain_record(const std::string& name, const std::vector<std::string>& atoms, int nb) {
+  std::string s = name + "\n\n\n" + format_text("%3zu%3d  0  0  0  0  0  0  0  0999 V2000\n", atoms.size(), nb);
+  for (const std::string& a : atoms) s += atom_line(a);
+  for (int b = 1; b <= nb; ++b) s += format_text("%3d%3d%3d  0\n", b, b + 1, 1);
+  return s + "M  END\n$$$$\n";
+}
+
+std::string to_crlf(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '\n') out += '\r';
+    out += c;
+  }
+  return out;
+}
+
+void expect_same_graphs(const CompoundInput& a, const CompoundInput& b) {
+  ASSERT_EQ(a.compounds.size(), b.compounds.size());
+  EXPECT_EQ(a.compound_names, b.compound_names);
+  EXPECT_EQ(a.dictionary.vertex_labels.items, b.dictionary.vertex_labels.items);
+  EXPECT_EQ(a.dictionary.edge_labels.items, b.dictionary.edge_labels.items);
+  for (std::size_t i = 0; i < a.compounds.size(); ++i) {
+    const Graph &x = a.compounds[i], &y = b.compounds[i];
+    EXPECT_EQ(x.vs, y.vs) << i;
+    EXPECT_EQ(x.es, y.es) << i;
+    EXPECT_EQ(x.v, y.v) << i;
+    EXPECT_EQ(x.e, y.e) << i;
+    EXPECT_EQ(x.el, y.el) << i;
+    EXPECT_EQ(x.vl, y.vl) << i;
+  }
+}
+
+// Expected counts were taken from the files by an independent column parser.
+TEST(sd_reader, reads_every_record_of_the_public_files) {
+  struct Expected {
+    const char* file;
+    int records, atoms, bonds;
+    std::map<std::string, int> atom_labels, bond_labels;
+    const char* first_name;
+    const char* last_name;
+  };
+  const Expected files[] = {
+      {"nci200.sdf.xz", 200, 3123, 3231,
+       {{"Br", 15}, {"C", 2379}, {"Cl", 27}, {"Cu", 2}, {"F", 96}, {"I", 10}, {"N", 169}, {"O", 386},
+        {"P", 3}, {"S", 32}, {"Se", 2}, {"Si", 2}},
+       {{"-", 2209}, {"=", 1011}, {"#", 11}}, "1", "200"},
+      {"cdk2.sdf.xz", 47, 1968, 2089,
+       {{"Br", 2}, {"C", 794}, {"Cl", 3}, {"F", 5}, {"H", 816}, {"N", 210}, {"O", 116}, {"S", 22}},
+       {{"-", 1695}, {"=", 394}}, "ZINC03814457", "ZINC03831630"},
+      {"symmetric_h.sdf", 11, 118, 108,
+       {{"C", 32}, {"Cl", 1}, {"F", 22}, {"H", 53}, {"I", 1}, {"O", 8}, {"Xe", 1}},
+       {{"-", 106}, {"=", 2}}, "propane_h", "methylcyclohexane_h"},
+  };
+  for (const Expected& x : files) {
+    SCOPED_TRACE(x.file);
+    Scratch scratch;
+    Loaded r = load(scratch.put("in.sdf", data(x.file)));
+    EXPECT_EQ(r.out, format_text("total compounds = %d\n", x.records));
+    ASSERT_EQ(r.input.compounds.size(), static_cast<std::size_t>(x.records));
+    EXPECT_EQ(r.occurrence_lists, static_cast<std::size_t>(x.records));
+    Census c = census(r.input);
+    EXPECT_EQ(c.atoms, x.atoms);
+    EXPECT_EQ(c.bonds, x.bonds);
+    EXPECT_EQ(c.per_atom_label, x.atom_labels);
+    EXPECT_EQ(c.per_bond_label, x.bond_labels);
+    EXPECT_EQ(r.input.dictionary.edge_labels.items, (std::vector<std::string>{"#", "-", "=", "~"}));
+    EXPECT_EQ(r.input.compound_names.front(), x.first_name);
+    EXPECT_EQ(r.input.compound_names.back(), x.last_name);
+    for (const Graph& g : r.input.compounds) expect_well_formed(g);
+  }
+}
+
+TEST(sd_reader, reads_columns_names_and_record_ends_as_laid_down) {
+  Scratch scratch;
+  const std::string path = scratch.put("mixed.sdf", data("mixed_records.sdf"));
+  Loaded r = load(path);
+  EXPECT_EQ(r.out, "total compounds = 3\n");  // the empty line after the last "$$$$" adds none
+  EXPECT_EQ(testsupport::read_file(path + ".dict"), std::string(SD_DICT_HEAD) + "V O\nV C\nV N\nV Cl\nV H\n");
+  const CompoundInput& in = r.input;
+  EXPECT_EQ(in.dictionary.vertex_labels.items, (std::vector<std::string>{"C", "Cl", "H", "N", "O"}));
+  EXPECT_EQ(in.compound_names, (std::vector<std::string>{"first", "2", "3"}));
+
+  // Counts line "  3  2" and nothing else; bond 3-1 becomes 0-2.
+  const Graph& first = in.compounds[0];
+  EXPECT_EQ(first.vs, 3);
+  EXPECT_EQ(first.es, 4);
+  EXPECT_EQ(first.vl, (std::vector<int>{4, 0, 3}));
+  EXPECT_EQ(bonds_of(in, first), (std::vector<std::string>{"0-1:-", "0-2:="}));
+  EXPECT_EQ(first.el, (std::vector<int>{1, 2, 1, 2}));
+
+  // No bonds; data items and an indented "$$$$" close the record.
+  const Graph& second = in.compounds[1];
+  EXPECT_EQ(second.es, 0);
+  EXPECT_EQ(second.v, (std::vector<int>{0, 0, 0}));
+  EXPECT_EQ(second.vl, (std::vector<int>{0, 1}));
+
+  const Graph& third = in.compounds[2];
+  EXPECT_EQ(third.vl, (std::vector<int>{0, 0, 2, 3}));
+  EXPECT_EQ(bonds_of(in, third), (std::vector<std::string>{"0-1:#", "0-2:-", "1-3:~"}));
+}
+
+TEST(sd_reader, gives_every_bond_the_single_label_under_no_bond_labels) {
+  Scratch scratch;
+  Loaded r = load(scratch.put("mixed.sdf", data("mixed_records.sdf")), Flags{.no_bond_labels = true});
+  EXPECT_EQ(r.input.dictionary.edge_labels.items, (std::vector<std::string>{"#", "-", "=", "~"}));
+  for (const Graph& g : r.input.compounds)
+    for (int label : g.el) EXPECT_EQ(label, 1);
+  // The bond type field is not even looked at.
+  Loaded odd = load(scratch.put("eight.sdf", data("invalid_bond_type.sdf")), Flags{.no_bond_labels = true});
+  EXPECT_EQ(bonds_of(odd.input, odd.input.compounds[0]), (std::vector<std::string>{"0-1:-"}));
+}
+
+TEST(sd_reader, ends_the_last_record_at_the_end_of_the_file) {
+  Scratch scratch;
+  Loaded r = load(scratch.put("last.sdf", data("last_record_without_end_marker.sdf")));
+  EXPECT_EQ(r.out, "total compounds = 2\n");
+  EXPECT_EQ(r.input.compound_names, (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(r.input.compounds[1].vs, 1);
+}
+
+TEST(sd_reader, reads_windows_line_ends_like_unix_ones) {
+  for (const char* file : {"mixed_records.sdf", "cdk2.sdf.xz", "last_record_without_end_marker.sdf"}) {
+    SCOPED_TRACE(file);
+    Scratch scratch;
+    const std::string unix_path = scratch.put("unix.sdf", data(file));
+    const std::string dos_path = scratch.put("dos.sdf", to_crlf(data(file)));
+    Loaded unix_run = load(unix_path), dos_run = load(dos_path);
+    EXPECT_EQ(dos_run.out, unix_run.out);
+    expect_same_graphs(dos_run.input, unix_run.input);
+    EXPECT_EQ(testsupport::read_file(dos_path + ".dict"), testsupport::read_file(unix_path + ".dict"));
+  }
+}
+
+TEST(sd_reader, reads_a_line_longer_than_the_buffer_as_several_lines) {
+  // 499999 bytes fill the line buffer; the "$$$$" behind them starts a line
+  // of its own and ends the record.
+  Scratch scratch;
+  std::string text = chain_record("one", {"C"}, 0);
+  text.replace(text.find("$$$$"), 4, std::string(499998, ' ') + "a$$$$");
+  text += chain_record("two", {"O"}, 0);
+  Loaded r = load(scratch.put("long.sdf", text));
+  EXPECT_EQ(r.out, "total compounds = 2\n");
+  EXPECT_EQ(r.input.compound_names, (std::vector<std::string>{"one", "two"}));
+}
+
+TEST(sd_reader, reads_the_largest_records_and_refuses_larger_ones) {
+  Scratch scratch;
+  std::vector<std::string> atoms(999, "C");
+  Loaded r = load(scratch.put("largest.sdf", chain_record("largest", atoms, 499)));
+  EXPECT_EQ(r.input.compounds[0].vs, 999);
+  EXPECT_EQ(r.input.compounds[0].es, 998);
+  EXPECT_INPUT_REFUSED(scratch.put("larger.sdf", chain_record("first", {"C"}, 0) + chain_record("larger", atoms, 500)),
+                       Flags{}, "total compounds = 2\nGraph larger is too large : Max vertices or edges allowed in a compound is 999\n");
+}
+
+TEST(sd_reader, keeps_the_defined_messages_of_broken_records) {
+  Scratch scratch;
+  struct Case {
+    const char* file;
+    const char* output;
+  };
+  const Case cases[] = {
+      {"invalid_bond_type.sdf", "total compounds = 1\nread sdf file : edge label not valid 8\n"},
+      {"bond_to_missing_atom.sdf", "total compounds = 2\ngraph lookup vid : can't find a vid in a graph 3\n"},
+      {"duplicated_bond.sdf", "total compounds = 1\nduplicated edges 0 0, 1 1\n"},
+      {"blank_atom_symbol.sdf", "total compounds = 1\nwrong formatted line at"},
+      // A defined message of an earlier record, or of the same record, comes
+      // before the reaction to a record cut short.
+      {"invalid_bond_before_cut_record.sdf", "total compounds = 2\nread sdf file : edge label not valid 5\n"},
+      {"too_large_and_cut_short.sdf",
+       "total compounds = 1\nGraph big is too large : Max vertices or edges allowed in a compound is 999\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.file);
+    EXPECT_INPUT_REFUSED(scratch.put(c.file, data(c.file)), Flags{}, c.output);
+  }
+}
+
+TEST(sd_reader, refuses_malformed_records_naming_them) {
+  Scratch scratch;
+  struct Case {
+    const char* file;
+    const char* output;
+  };
+  const Case cases[] = {
+      {"record_cut_in_atom_block.sdf", "total compounds = 2\ncompound 2 (cut): the file ends after 1 of its 3 atom lines\n"},
+      {"record_cut_in_bond_block.sdf", "total compounds = 2\ncompound 2 (cut): the file ends after 1 of its 2 bond lines\n"},
+      {"many_atoms_announced_file_ends.sdf",
+       "total compounds = 1\ncompound 1 (big): the file ends after 2 of its 999 atom lines\n"},
+      {"end_marker_in_atom_block.sdf",
+       "total compounds = 2\ncompound 1 (short): the record ends after 2 of its 4 atom lines\n"},
+      {"bond_to_atom_zero.sdf", "total compounds = 1\ncompound 1 (zero): bond line 2 names atom 0\n"},
+      {"short_atom_line.sdf",
+       "total compounds = 1\ncompound 1 (short): atom line 1 is shorter than 32 characters and holds no atom symbol\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.file);
+    EXPECT_INPUT_REFUSED(scratch.put(c.file, data(c.file)), Flags{}, c.output);
+  }
+}
+
+TEST(sd_reader, refuses_more_than_a_thousand_atom_labels_at_the_record_that_brings_them) {
+  Scratch scratch;
+  std::vector<std::string> many;
+  for (int i = 0; i < 999; ++i) many.push_back(format_text("%c%c", 'A' + i / 26 % 26, 'a' + i % 26) + (i >= 676 ? "x" : ""));
+  const std::string text = chain_record("many", many, 0) + chain_record("two", {"Zz1", "Zz2"}, 0);
+  EXPECT_INPUT_REFUSED(scratch.put("labels.sdf", text), Flags{},
+                       "total compounds = 2\ncompound 2 (two): the file holds more than 1000 distinct atom labels\n");
+  // 1000 distinct labels are fine.
+  Loaded r = load(scratch.put("fits.sdf", chain_record("many", many, 0) + chain_record("one", {"Zz1"}, 0)));
+  EXPECT_EQ(r.input.dictionary.vertex_labels.count, 1000u);
+}
+
+TEST(sd_reader, refuses_lines_beyond_the_tokeniser_limits) {
+  Scratch scratch;
+  auto with_data_line = [](const std::string& line) {
+    std::string text = chain_record("data", {"C"}, 0);
+    return text.insert(text.find("$$$$"), line + "\n");
+  };
+  std::string tokens999, tokens1000;
+  for (int i = 0; i < 999; ++i) tokens999 += format_text("t%d ", i);
+  tokens1000 = tokens999 + "t999";
+  EXPECT_EQ(load(scratch.put("fits.sdf", with_data_line(tokens999))).out, "total compounds = 1\n");
+  EXPECT_INPUT_REFUSED(scratch.put("many.sdf", with_data_line(tokens1000)), Flags{},
+                       "total items in this transaction = 1000,id = t999,str = t0\nmemory for array not sufficient\n");
+  EXPECT_INPUT_REFUSED(scratch.put("long.sdf", with_data_line(std::string(1000, 'x'))), Flags{},
+                       "compound 1 (data): a line holds a field of 1000 characters, more than the 999 allowed\n");
+}
+
+TEST(sd_reader, handles_empty_and_unreadable_inputs) {
+  Scratch scratch;
+  const std::string empty = scratch.put("empty.sdf", "");
+  Loaded r = load(empty);
+  EXPECT_EQ(r.out, "total compounds = 0\n");
+  EXPECT_TRUE(r.input.compounds.empty());
+  EXPECT_TRUE(r.input.compound_names.empty());
+  EXPECT_EQ(r.occurrence_lists, 0u);
+  EXPECT_EQ(testsupport::read_file(empty + ".dict"), SD_DICT_HEAD);
+  EXPECT_INPUT_REFUSED(scratch.dir, Flags{}, "can't open a file '" + scratch.dir + "'\n");
+  EXPECT_INPUT_REFUSED(scratch.dir + "/missing.sdf", Flags{}, "can't open a file '" + scratch.dir + "/missing.sdf'\n");
+}
+
+}  // namespace
