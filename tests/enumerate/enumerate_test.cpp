@@ -169,7 +169,8 @@ TEST(enumerate_subtrees, matches_the_literal_search_and_brute_force_on_random_gr
     const Graph g = make_graph(vs, bonds);
     for (int t = 1; t <= static_cast<int>(bonds.size()) + 1; ++t) {
       Sets got = emitted(g, t);
-      ASSERT_EQ(got, Literal{g, t, {}, {}}.run()) << "seed " << seed << " round " << round << " t " << t;
+      const Sets reference = Literal{g, t, {}, {}}.run();
+      ASSERT_EQ(got, reference) << "seed " << seed << " round " << round << " t " << t;
       std::set<Bonds> as_sets;
       for (Bonds b : got) {
         std::sort(b.begin(), b.end());
