@@ -17,10 +17,12 @@ namespace {
 
 // Descriptor numbers go to the fragments of this length in ascending slot
 // order; the stored copies of the length are released afterwards, so the
-// table holds one length's graphs at a time.
+// table holds one length's graphs at a time. The slots holding a copy are
+// exactly those first filled during this length, which the table lists, so
+// the whole table need not be swept.
 void issue_descriptors(FragmentTable& table, const RunSettings& settings, const LabelDictionary& dict,
                        std::vector<int>& idmap, int& k, std::FILE* structure) {
-  for (int i = 0; i < HASHTBL_SIZE; ++i) {
+  for (int i : current_slots(table)) {
     HashEntry& slot = table.hashg[i];
     if (!slot.occupied || slot.g < 0) continue;
     if (slot.support >= settings.fmin) {
@@ -29,9 +31,8 @@ void issue_descriptors(FragmentTable& table, const RunSettings& settings, const 
       if (settings.mol2input) write_mol2_fragment(slot, g, dict, structure);
       else write_sd_fragment(slot, g, dict, structure);
     }
-    slot.g = -1;
   }
-  table.stored.clear();
+  release_stored(table);
 }
 
 int run(int argc, char** argv) {

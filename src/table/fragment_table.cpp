@@ -1,5 +1,6 @@
 // The fragment hash table with linear probing, and the per-compound lists of
 // fragments found with their counts.
+#include <algorithm>
 #include <cstdint>
 
 #include "common/common.h"
@@ -7,7 +8,22 @@
 
 void create_table(FragmentTable& table) {
   table.hashg.assign(HASHTBL_SIZE, HashEntry{});
+  release_stored(table);
+}
+
+void release_stored(FragmentTable& table) {
+  for (int slot : table.stored_slot)
+    if (slot >= 0 && slot < static_cast<int>(table.hashg.size())) table.hashg[slot].g = -1;
   table.stored.clear();
+  table.stored_slot.clear();
+  table.last.clear();
+  ++table.generation;
+}
+
+std::vector<int> current_slots(const FragmentTable& table) {
+  std::vector<int> slots(table.stored_slot.begin(), table.stored_slot.begin() + table.stored.size());
+  std::sort(slots.begin(), slots.end());
+  return slots;
 }
 
 void create_occurrence_lists(FragmentTable& table, int n) {
@@ -34,7 +50,9 @@ std::uint32_t compute_key(const Graph& g) {
   return h;
 }
 
-void insert_fragment(FragmentTable& table, const Graph& g, int compid) {
+void insert_fragment(FragmentTable& table, const Graph& g, int compid) { insert_fragment_slot(table, g, compid); }
+
+int insert_fragment_slot(FragmentTable& table, const Graph& g, int compid) {
   TAVRIX_CHECK(g.vs == table.threshold + 1 && g.es == 2 * table.threshold);
   const int h = home_slot(g.key);
   int i = h;
@@ -42,10 +60,8 @@ void insert_fragment(FragmentTable& table, const Graph& g, int compid) {
     // A finished slot (no stored graph) holds a shorter fragment and never matches.
     const HashEntry& slot = table.hashg[i];
     if (slot.g != -1 && compare_graphs(table.stored[slot.g], g) == 0) {
-      HashEntry& found = table.hashg[i];
-      if (find_occurrence(table, compid, found.id) == -1) ++found.support;
-      add_occurrence(table, compid, found.id);
-      return;
+      count_in_slot(table, i, compid);
+      return i;
     }
     i = i + 1 == HASHTBL_SIZE ? 0 : i + 1;
     if (i == h) fatal_error("HASH TABLE FULL: INCREASE THE SIZE\n");
@@ -56,7 +72,49 @@ void insert_fragment(FragmentTable& table, const Graph& g, int compid) {
   slot.id = ++table.total;
   table.stored.push_back(g);
   slot.g = static_cast<int>(table.stored.size()) - 1;
-  add_occurrence(table, compid, slot.id);
+  // The side arrays follow stored's size, whoever shortened stored.
+  table.stored_slot.resize(table.stored.size());
+  table.last.resize(table.stored.size());
+  table.stored_slot[slot.g] = i;
+  // New in the run, so new in this compound: its entry goes at the end.
+  table.last[slot.g] = LastOccurrence{compid, table.csrcount[compid].size};
+  TAVRIX_CHECK(table.csrcount[compid].offset <= table.csrcount[compid].size);
+  append_occurrence(table, compid, slot.id);
+  return i;
+}
+
+void count_in_slot(FragmentTable& table, int slot, int compid) {
+  HashEntry& found = table.hashg[slot];
+  TAVRIX_CHECK(found.g >= 0 && found.g < static_cast<int>(table.last.size()));
+  LastOccurrence& last = table.last[found.g];
+  OccurrenceCount& count = table.csrcount[compid];
+  std::vector<Occurrence>& list = table.csr[compid];
+  int p = -1;
+  if (last.compid == compid) {
+    const bool kept = last.position >= count.offset && last.position < count.size &&
+                      list[last.position].id == found.id;
+    p = kept ? last.position : find_occurrence(table, compid, found.id);
+  }
+  if (p != -1) {
+    ++list[p].count;
+    return;
+  }
+  // First occurrence in this compound: one more supporting compound, and a
+  // new entry at the end of the list.
+  ++found.support;
+  last = LastOccurrence{compid, count.size};
+  append_occurrence(table, compid, found.id);
+}
+
+void append_occurrence(FragmentTable& table, int compid, int id) {
+  OccurrenceCount& count = table.csrcount[compid];
+  std::vector<Occurrence>& list = table.csr[compid];
+  if (count.size == count.capacity) {
+    count.capacity *= 2;
+    list.resize(count.capacity);
+  }
+  list[count.size] = Occurrence{id, 1};
+  ++count.size;
 }
 
 int find_occurrence(const FragmentTable& table, int compid, int id) {

@@ -28,9 +28,21 @@ struct OccurrenceCount {
   int offset = 0;    // first entry of the current length
 };
 
+// Where a stored fragment was last counted: the compound and the position of
+// its entry in that compound's list. Compounds are enumerated one after the
+// other within a length, so "last counted in this compound" is exactly "already
+// in this compound's entries of this length", without scanning them.
+struct LastOccurrence {
+  int compid = -1;
+  int position = -1;
+};
+
 struct FragmentTable {
   std::vector<HashEntry> hashg;               // HASHTBL_SIZE slots
   std::vector<Graph> stored;                  // copies of the current length's fragments
+  std::vector<int> stored_slot;               // slot of each stored copy, parallel to stored
+  std::vector<LastOccurrence> last;           // per stored copy, parallel to stored
+  int generation = 0;                         // changes whenever stored copies are released
   int threshold = 0;                          // current fragment length (run-wide)
   int total = 0;                              // distinct fragments so far; the last id issued
   std::vector<std::vector<Occurrence>> csr;   // per compound
@@ -53,8 +65,26 @@ inline int home_slot(std::uint32_t key) { return static_cast<int>(key % HASHTBL_
 // a copy first when the fragment is new. Ends the run when the table is full.
 void insert_fragment(FragmentTable& table, const Graph& g, int compid);
 
+// The same as insert_fragment; returns the slot that holds the fragment.
+int insert_fragment_slot(FragmentTable& table, const Graph& g, int compid);
+
+// Records one more occurrence in compound compid of the fragment stored in
+// slot (a slot holding a copy of this length): exactly what insert_fragment
+// does once it has found the fragment there. Occurrences of current fragments
+// must all be recorded through insert_fragment or this function.
+void count_in_slot(FragmentTable& table, int slot, int compid);
+
+// Ascending slots of the copies stored this length (the slots a scan of the
+// whole table would visit), then every copy released.
+std::vector<int> current_slots(const FragmentTable& table);
+void release_stored(FragmentTable& table);
+
 // Position of id among the current length's entries of compid, or -1.
 int find_occurrence(const FragmentTable& table, int compid, int id);
 
 // One more occurrence of id in compound compid.
 void add_occurrence(FragmentTable& table, int compid, int id);
+
+// A new entry (id, 1) at the end of compound compid's list, doubling its
+// capacity when full; for an id known not to be among this length's entries.
+void append_occurrence(FragmentTable& table, int compid, int id);
