@@ -1,5 +1,6 @@
 // From a bond set to a labelled fragment counted in the table.
 #include <algorithm>
+#include <cstdint>
 
 #include "canon/canon.h"
 #include "common/common.h"
@@ -64,15 +65,39 @@ Graph build_fragment_graph(const EdgeSet& s, const Graph& compound) {
   return f;
 }
 
-void emit_fragment(const EdgeSet& s, const Graph& compound, int compid, FragmentContext& ctx) {
+int emit_fragment_plain(const EdgeSet& s, const Graph& compound, int compid, FragmentContext& ctx) {
   fill_fragment_graph(s, compound, fragment);
   if (ctx.opt == 2 || ctx.opt == 3) {
     bool branching = false;
     for (int i = 0; i < fragment.vs && !branching; ++i) branching = fragment.v[i + 1] - fragment.v[i] > 2;
-    if (branching != (ctx.opt == 2)) return;
+    if (branching != (ctx.opt == 2)) return -1;
   } else if (ctx.opt != 1) {
     fatal_error("Option not valid\n");
   }
   canonical_label(fragment);
-  insert_fragment(*ctx.table, fragment, compid);
+  return insert_fragment_slot(*ctx.table, fragment, compid);
+}
+
+void emit_fragment(const EdgeSet& s, const Graph& compound, int compid, FragmentContext& ctx) {
+  FragmentCache& cache = ctx.cache;
+  if (!ctx.memo || !make_fragment_key(cache, s, compound)) {
+    emit_fragment_plain(s, compound, compid, ctx);
+    return;
+  }
+  FragmentTable& table = *ctx.table;
+  std::uint64_t hash = 0;
+  const int entry = find_cached(cache, hash);
+  if (entry >= 0) {
+    const int slot = cache.slot[entry];
+    if (slot < 0) return;  // dropped by the type filter, as before
+    // The slot still holds the copy it held when the entry was made.
+    if (table.hashg[slot].g == cache.stored[entry] && table.hashg[slot].g >= 0) {
+      count_in_slot(table, slot, compid);
+      return;
+    }
+    emit_fragment_plain(s, compound, compid, ctx);
+    return;
+  }
+  const int slot = emit_fragment_plain(s, compound, compid, ctx);
+  add_cached(cache, hash, slot, slot < 0 ? -1 : table.hashg[slot].g);
 }

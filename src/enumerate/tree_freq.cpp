@@ -21,6 +21,7 @@ void build_slot_table(const Graph& g, SlotTable& t) {
 }
 
 void enumerate_fragments(const Graph& compound, int compid, FragmentContext& ctx) {
+  if (ctx.memo) prepare_cache(ctx.cache, *ctx.table, ctx.threshold, ctx.opt);
   auto emit = [&](const EdgeSet& s) { emit_fragment(s, compound, compid, ctx); };
   enumerate_subtrees(compound, ctx.threshold, emit);
 }

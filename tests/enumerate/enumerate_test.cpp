@@ -214,7 +214,10 @@ int stored_fragments(const Graph& g, int threshold, int opt) {
   table.total = 0;
   create_occurrence_lists(table, 1);
   table.threshold = threshold;
-  FragmentContext ctx{threshold, opt, &table};
+  FragmentContext ctx;
+  ctx.threshold = threshold;
+  ctx.opt = opt;
+  ctx.table = &table;
   enumerate_fragments(g, 0, ctx);
   int sets = 0;
   for (int p = 0; p < table.csrcount[0].size; ++p) sets += table.csr[0][p].count;
