@@ -10,3 +10,10 @@ constexpr int SEARCH_CELL_LIMIT = 5;
 // sets ncell, vcell and key. g satisfies the adjacency invariants, vs >= 1.
 // Not re-entrant: it uses process-wide scratch records.
 void canonical_label(Graph& g);
+
+// The same canonical form by a shorter route, for graphs of at most 32
+// vertices whose refined cells all have fewer than SEARCH_CELL_LIMIT
+// vertices; returns false, leaving g unchanged, for any other graph. v, e,
+// el, vl, key, ncell and vcell come out as canonical_label writes them; vid
+// may differ where the graph has symmetries (equal codes, either order).
+bool canonical_label_fast(Graph& g);

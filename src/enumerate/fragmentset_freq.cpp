@@ -74,7 +74,7 @@ int emit_fragment_plain(const EdgeSet& s, const Graph& compound, int compid, Fra
   } else if (ctx.opt != 1) {
     fatal_error("Option not valid\n");
   }
-  canonical_label(fragment);
+  if (!canonical_label_fast(fragment)) canonical_label(fragment);
   return insert_fragment_slot(*ctx.table, fragment, compid);
 }
 

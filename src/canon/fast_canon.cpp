@@ -1,0 +1,214 @@
+// A quicker route to the same canonical form for small fragments.
+//
+// What canonical_label writes (v, e, el, vl and the key) is fixed by two
+// things only: the ordered cells that refinement ends with, and, when cells
+// of several vertices remain, the greatest adjacency code over the orders
+// those cells allow. Refinement gives every vertex the rank of its
+// properties among all vertices, which does not depend on how ties happen to
+// be ordered while sorting; and the permutation search, whose pruning only
+// drops orders with a smaller code, ends on that greatest code whichever
+// order it starts from. So for graphs whose cells stay below
+// SEARCH_CELL_LIMIT the work can be done on small fixed arrays, sorted any
+// way, with the same result. Larger cells go to the individualization
+// search, whose result may depend on where it starts, and are declined here.
+#include <algorithm>
+#include <cstring>
+
+#include "canon/canon.h"
+#include "table/table.h"
+
+namespace {
+
+constexpr int MAXV = 32;   // vertices
+constexpr int MAXK = 3 + 2 * MAXV;  // key entries: p, -d, l, then (code, p) per neighbour
+
+struct Small {
+  int n = 0;
+  int adj[MAXV][MAXV];  // 0 or edge label + 1
+  int deg[MAXV];
+  int label[MAXV];
+  int nb[MAXV][MAXV];   // neighbours of each vertex
+  int p[MAXV];          // cell of each vertex
+  int key[MAXV][MAXK];
+  int keylen[MAXV];
+  int order[MAXV];      // vertices by cell
+  int part[MAXV + 1];
+  int parts = 0;
+  int perm[MAXV];
+  int best[MAXV];
+  int vkey[MAXV];       // what a vertex stands for in the arrangements
+  int keys[MAXV];       // per position: the vkey placed there
+};
+
+Small s;
+
+int compare_keys(int a, int b) {
+  const int n = std::min(s.keylen[a], s.keylen[b]);
+  for (int k = 0; k < n; ++k)
+    if (s.key[a][k] != s.key[b][k]) return s.key[a][k] < s.key[b][k] ? -1 : 1;
+  return 0;  // equal degrees give equal lengths
+}
+
+// One refinement pass; returns the number of cells it finds.
+int refine_pass() {
+  const int n = s.n;
+  for (int v = 0; v < n; ++v) {
+    int* k = s.key[v];
+    k[0] = s.p[v];
+    k[1] = -s.deg[v];
+    k[2] = s.label[v];
+    int len = 3;
+    // Neighbour pairs (code, cell), sorted.
+    for (int j = 0; j < s.deg[v]; ++j) {
+      const int w = s.nb[v][j];
+      const int code = s.adj[v][w], cell = s.p[w];
+      int q = len;
+      while (q > 3 && (k[q - 2] > code || (k[q - 2] == code && k[q - 1] > cell))) {
+        k[q] = k[q - 2];
+        k[q + 1] = k[q - 1];
+        q -= 2;
+      }
+      k[q] = code;
+      k[q + 1] = cell;
+      len += 2;
+    }
+    s.keylen[v] = len;
+  }
+  for (int i = 0; i < n; ++i) s.order[i] = i;
+  for (int i = 1; i < n; ++i) {
+    const int x = s.order[i];
+    int j = i;
+    for (; j > 0 && compare_keys(x, s.order[j - 1]) < 0; --j) s.order[j] = s.order[j - 1];
+    s.order[j] = x;
+  }
+  int cell = 0;
+  int newp[MAXV];
+  newp[s.order[0]] = 0;
+  s.part[0] = 0;
+  for (int i = 1; i < n; ++i) {
+    if (compare_keys(s.order[i - 1], s.order[i]) != 0) s.part[++cell] = i;
+    newp[s.order[i]] = cell;
+  }
+  s.part[cell + 1] = n;
+  std::memcpy(s.p, newp, sizeof(int) * n);
+  return cell + 1;
+}
+
+// Compares the code rows of positions part[first]..part[last+1]-1 of perm and best.
+int compare_blocks(int first, int last) {
+  for (int i = s.part[first]; i < s.part[last + 1]; ++i)
+    for (int j = 0; j < i; ++j) {
+      const int d = s.adj[s.perm[i]][s.perm[j]] - s.adj[s.best[i]][s.best[j]];
+      if (d != 0) return d;
+    }
+  return 0;
+}
+
+// Places the vertices of cell c in the order its keys give: each key takes
+// the first vertex of the cell with that key not placed yet.
+void place_cell(int c) {
+  const int from = s.part[c], to = s.part[c + 1];
+  bool used[MAXV] = {};
+  for (int i = from; i < to; ++i) {
+    for (int q = from; q < to; ++q) {
+      const int v = s.order[q];
+      if (!used[q - from] && s.vkey[v] == s.keys[i]) {
+        used[q - from] = true;
+        s.perm[i] = v;
+        break;
+      }
+    }
+  }
+}
+
+// Rows of cell c depend only on cells 0..c and, standing at cell c, the
+// earlier rows of perm equal those of best: a smaller block rules out every
+// completion, a greater one makes perm the best, an equal one is explored.
+// Leaves of one cell hanging from the same vertex can swap places without
+// changing any code, so they share a key and only the distinct arrangements
+// of the keys are tried, each cell's from sorted back to sorted.
+void search(int c) {
+  int* cell = s.keys + s.part[c];
+  const int size = s.part[c + 1] - s.part[c];
+  const bool last = c == s.parts - 1;
+  do {
+    place_cell(c);
+    const int r = compare_blocks(c, c);
+    if (last) {
+      if (r > 0) std::memcpy(s.best, s.perm, sizeof(int) * s.n);
+      continue;
+    }
+    if (r < 0) continue;
+    if (r > 0) std::memcpy(s.best, s.perm, sizeof(int) * s.n);
+    search(c + 1);
+  } while (std::next_permutation(cell, cell + size));
+  place_cell(c);
+}
+
+}  // namespace
+
+bool canonical_label_fast(Graph& g) {
+  const int n = g.vs;
+  if (n < 1 || n > MAXV) return false;
+  s.n = n;
+  for (int u = 0; u < n; ++u) {
+    std::memset(s.adj[u], 0, sizeof(int) * n);
+    s.deg[u] = g.v[u + 1] - g.v[u];
+    s.label[u] = g.vl[u];
+    s.p[u] = 0;
+    if (s.deg[u] > MAXV) return false;
+    for (int j = g.v[u]; j < g.v[u + 1]; ++j) {
+      s.adj[u][g.e[j]] = g.el[j] + 1;
+      s.nb[u][j - g.v[u]] = g.e[j];
+    }
+  }
+  // Passes go on while they add cells, as in refine.
+  int parts = 1, previous = 0;
+  while (parts > previous) {
+    previous = parts;
+    parts = refine_pass();
+  }
+  s.parts = parts;
+  int largest = 0;
+  for (int c = 0; c < parts; ++c) largest = std::max(largest, s.part[c + 1] - s.part[c]);
+  if (largest >= SEARCH_CELL_LIMIT) return false;
+  for (int k = 0; k < n; ++k) s.perm[k] = s.order[k];
+  if (largest > 1) {
+    for (int v = 0; v < n; ++v) s.vkey[v] = s.deg[v] == 1 ? s.nb[v][0] : n + v;
+    for (int k = 0; k < n; ++k) s.keys[k] = s.vkey[s.order[k]];
+    for (int c = 0; c < parts; ++c) {
+      std::sort(s.keys + s.part[c], s.keys + s.part[c + 1]);
+      place_cell(c);
+    }
+    std::memcpy(s.best, s.perm, sizeof(int) * n);
+    search(0);
+    std::memcpy(s.perm, s.best, sizeof(int) * n);
+  }
+  // Write the graph back in the chosen order, as store_graph does.
+  int vid[MAXV];
+  for (int k = 0; k < n; ++k) vid[k] = g.vid[s.perm[k]];
+  g.vcell.resize(n);
+  g.ncell = parts;
+  for (int k = 0; k < n; ++k) {
+    g.vl[k] = s.label[s.perm[k]];
+    g.vid[k] = vid[k];
+    g.vcell[k] = s.p[s.perm[k]];
+  }
+  int c = 0;
+  g.v[0] = 0;
+  for (int a = 0; a < n; ++a) {
+    const int* row = s.adj[s.perm[a]];
+    for (int b = 0; b < n; ++b) {
+      if (b == a) continue;
+      const int code = row[s.perm[b]];
+      if (code != 0) {
+        g.e[c] = b;
+        g.el[c] = code - 1;
+        ++c;
+      }
+    }
+    g.v[a + 1] = c;
+  }
+  g.key = compute_key(g);
+  return true;
+}
