@@ -41,6 +41,8 @@ int run(int argc, char** argv) {
   FragmentTable table;
   create_table(table);
   FilePtr structure = open_file(settings.outfstem + "_frag.sdf", "w");
+  // Fewer, larger writes for the tens of megabytes of structure records.
+  std::setvbuf(structure.get(), nullptr, _IOFBF, 1 << 20);
   CompoundInput input = read_compounds(settings, table);
   const int n = static_cast<int>(input.compounds.size());
 

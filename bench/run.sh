@@ -1,0 +1,72 @@
+#!/bin/bash
+# One-command benchmark: builds Tavrix (Release) in build-bench, runs it on the
+# shipped inputs and prints wall time (median of 5), peak resident memory,
+# fragments per second and, when perf is available, where the time goes;
+# then RDKit's count fingerprint of the same compounds and the ratio.
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+root=$(dirname "$here")
+build=${TAVRIX_BENCH_BUILD:-$root/build-bench}
+runs=${RUNS:-5}
+cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DTAVRIX_TESTS=OFF > /dev/null
+cmake --build "$build" --target Tavrix -j 2 > /dev/null
+bin=$build/Tavrix
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+xz -dc "$here/data/nci5k.sdf.xz" > "$work/nci5k.sdf"
+xz -dc "$here/data/nci200.mol2.xz" > "$work/nci200.mol2"
+
+median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
+
+# Sets (fragments enumerated) of one run: the occurrence counts of the descriptor file.
+count_fragments() { awk -F, '{for (i = 4; i <= NF; i += 2) s += $i} END {print s + 0}' "$1"; }
+
+# Maps a profile symbol to the stage it belongs to.
+stage_of() {
+  case "$1" in
+    *read_line*|*next_line*|*tokenize*|*sd_*|*mol2_*|*_IO_getc*|*fgets*|*label_dictionary*|*read_compounds*|*field_digits*|*memchr*) echo reading ;;
+    *SubtreeSearch*|*enumerate*|*build_slot_table*) echo enumeration ;;
+    *fill_fragment_graph*|*build_adjacency*|*bond_label*|*make_fragment_key*) echo "fragment graph" ;;
+    *canonical_label*|*sort_vertices*|*refine*|*store_graph*|*load_graph*|*compare_rows*|*permutation*|*individual*|*copy_state*|*compute_key*|*place_cell*|*search*) echo labelling ;;
+    *insert_fragment*|*count_in_slot*|*find_cached*|*add_cached*|*compare_graphs*|*occurrence*|*create_table*|*current_slots*) echo table ;;
+    *printf*|*write_*|*xsputn*|*_IO_*|*itoa*|*strchrnul*|*fputs*|*descriptor*) echo writing ;;
+    *) echo other ;;
+  esac
+}
+
+bench() {  # name input args...
+  local name=$1 input=$2; shift 2
+  local dir=$work/$name; mkdir -p "$dir"; cp "$work/$input" "$dir/"
+  local times=() rss=()
+  for ((i = 0; i < runs; ++i)); do
+    (cd "$dir" && /usr/bin/time -f "%e %M" -o time.txt "$bin" "$@" "$input" > stdout.txt) || true
+    read -r t m < <(tail -n 1 "$dir/time.txt"); times+=("$t"); rss+=("$m")
+  done
+  local t m frags
+  t=$(printf '%s\n' "${times[@]}" | median)
+  m=$(printf '%s\n' "${rss[@]}" | sort -n | tail -1)
+  frags=$(count_fragments "$dir/${input%.*}.out")
+  printf '%-22s %6.2f s  %5d MB  %9d fragments  %6.2f M fragments/s\n' "$name" "$t" $((m / 1024)) "$frags" \
+    "$(awk -v f="$frags" -v t="$t" 'BEGIN {print (t > 0 ? f / t / 1e6 : 0)}')"
+  if command -v perf > /dev/null && perf record -q -o "$dir/perf.data" -- sh -c "cd '$dir' && '$bin' $* $input > /dev/null; true" 2> /dev/null; then
+    perf report -i "$dir/perf.data" --no-children --stdio --sort symbol 2> /dev/null |
+      awk '/^ +[0-9.]+%/ {p = $1; sub("%", "", p); $1 = ""; $2 = ""; print p "\t" $0}' |
+      while IFS=$'\t' read -r p sym; do printf '%s\t%s\n' "$(stage_of "$sym")" "$p"; done |
+      awk -F'\t' '{s[$1] += $2} END {for (k in s) printf "    %-15s %5.1f%%\n", k, s[k]}' | sort -k2 -rn
+  fi
+  echo "$t" > "$work/$name.time"
+}
+
+echo "Tavrix, -lmax 7, median of $runs runs:"
+bench "nci5k.sdf -ds QZ" nci5k.sdf -lmax 7 -ds QZ
+bench "nci5k.sdf -ds TF" nci5k.sdf -lmax 7 -ds TF
+bench "nci5k.sdf -ds PF" nci5k.sdf -lmax 7 -ds PF
+bench "nci200 (Mol2)" nci200.mol2 -lmax 7
+tavrix=$(cat "$work/nci5k.sdf -ds QZ.time")
+if /usr/bin/python3 -c "import rdkit" 2> /dev/null; then
+  read -r rdkit nmols < <(/usr/bin/python3 "$here/rdkit_count.py" "$work/nci5k.sdf" "$runs")
+  echo "RDKit count fingerprint, maxPath 7, $nmols molecules (parsing not timed): $rdkit s"
+  awk -v a="$tavrix" -v b="$rdkit" 'BEGIN {printf "Tavrix / RDKit = %.3f\n", a / b}'
+else
+  echo "RDKit (python3-rdkit for /usr/bin/python3) not installed: no comparison"
+fi
