@@ -17,6 +17,18 @@
 // written to an output file survives.
 [[noreturn]] void fatal_error(std::string_view message);
 
+// Every orderly end of the process goes through here: fatal_error, the
+// line reader's argument checks and the command line's usage exits.
+// Normally it is std::exit(status). A build with TAVRIX_FUZZ_EXITS defined
+// (the fuzz targets) throws ProcessExit instead, after flushing standard
+// output, so that one harness process can run many inputs and tell an orderly
+// refusal from a crash. ProcessExit derives from nothing, so no catch of
+// std::exception can swallow it.
+[[noreturn]] void end_process(int status);
+struct ProcessExit {
+  int status;
+};
+
 // printf-style formatting into a std::string (for messages with values).
 std::string format_text(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 

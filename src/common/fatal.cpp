@@ -6,9 +6,18 @@
 #include <new>
 #include <sys/stat.h>
 
+void end_process(int status) {
+#ifdef TAVRIX_FUZZ_EXITS
+  std::fflush(stdout);
+  throw ProcessExit{status};
+#else
+  std::exit(status);
+#endif
+}
+
 void fatal_error(std::string_view message) {
   std::fwrite(message.data(), 1, message.size(), stdout);
-  std::exit(1);
+  end_process(1);
 }
 
 std::string format_text(const char* fmt, ...) {
@@ -27,7 +36,12 @@ std::string format_text(const char* fmt, ...) {
 void internal_error(const char* condition, const char* file, int line) {
   std::fflush(stdout);
   std::fprintf(stderr, "%s:%d: internal check failed: %s\n", file, line, condition);
+#ifdef TAVRIX_FUZZ_EXITS
+  // A broken invariant is a bug whatever the input; the fuzzer must see it.
+  std::abort();
+#else
   std::exit(1);
+#endif
 }
 
 namespace {

@@ -2,6 +2,8 @@
 // value-taking option consumes the next argument whatever it is.
 #include "settings/settings.h"
 
+#include "common/common.h"
+
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -25,7 +27,7 @@ const char* const usage_pieces[] = {
 
 [[noreturn]] void usage_exit() {
   print_usage();
-  std::exit(0);
+  end_process(0);
 }
 
 [[noreturn]] void invalid_value(const char* what) {
@@ -102,7 +104,7 @@ RunSettings parse_arguments(int argc, char** argv) {
   if (dot == std::string::npos) {
     std::fputs("Input filename does not have either .sdf or .mol2 as extention\n", stdout);
     std::fputs("Input file must be either SD file or Mol2. Refer to README.txt\n", stdout);
-    std::exit(1);
+    end_process(1);
   }
   s.mol2input = dot + 1 < s.infile.size() && s.infile[dot + 1] == 'm';
   std::printf("mint = %d,maxt = %d,freqt = %d,option = %s,opt = %d,outfile = %s,filestub = %s\n", s.lmin, s.lmax,
