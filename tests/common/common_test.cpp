@@ -65,6 +65,21 @@ TEST(ptr_array, sorted_insertion_goes_after_equal_items) {
   EXPECT_EXIT_WITH_OUTPUT(array_insert_at(std::pair<int, int>{}, a, 6), 1, "^invalid insertion\n$");
 }
 
+// fopen accepts a folder for reading on Linux; reading it would then fail in
+// ways that look like an empty file, so the folder is refused by name.
+TEST(open_file, refuses_a_folder_for_reading) {
+  const std::string dir = testsupport::make_temp_dir();
+  EXPECT_EXIT_WITH_OUTPUT(open_file(dir, "r"), 1, "^can't open a file '" + dir + "'\n$");
+  testsupport::remove_tree(dir);
+}
+
+TEST(open_file, refuses_a_file_below_a_plain_file) {
+  const std::string dir = testsupport::make_temp_dir();
+  testsupport::write_file(dir + "/plain", "x");
+  EXPECT_EXIT_WITH_OUTPUT(open_file(dir + "/plain/x", "w"), 1, "^can't open a file '" + dir + "/plain/x'\n$");
+  testsupport::remove_tree(dir);
+}
+
 // read_line on a file holding `content`, starting from a buffer of `size`.
 std::vector<std::pair<std::string, std::size_t>> read_all(const std::string& content, std::size_t size) {
   const std::string dir = testsupport::make_temp_dir();

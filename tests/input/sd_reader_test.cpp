@@ -133,6 +133,20 @@ TEST(sd_reader, ends_the_last_record_at_the_end_of_the_file) {
   EXPECT_EQ(r.input.compounds[1].vs, 1);
 }
 
+// Both counts read 0, so the atom and bond lines are passed over with the
+// rest of the record; their symbols never reach the dictionary.
+TEST(sd_reader, reads_a_counts_line_without_digits_as_an_empty_compound) {
+  Scratch scratch;
+  const std::string path = scratch.put("nodigits.sdf", data("counts_line_without_digits.sdf"));
+  Loaded r = load(path);
+  EXPECT_EQ(r.out, "total compounds = 2\n");
+  EXPECT_EQ(r.input.compound_names, (std::vector<std::string>{"no digits", "next"}));
+  EXPECT_EQ(r.input.compounds[0].vs, 0);
+  EXPECT_EQ(r.input.compounds[0].es, 0);
+  EXPECT_EQ(r.input.compounds[1].vs, 1);
+  EXPECT_EQ(r.input.dictionary.vertex_labels.items, (std::vector<std::string>{"N"}));
+}
+
 TEST(sd_reader, reads_windows_line_ends_like_unix_ones) {
   for (const char* file : {"mixed_records.sdf", "cdk2.sdf.xz", "last_record_without_end_marker.sdf"}) {
     SCOPED_TRACE(file);
