@@ -3,7 +3,7 @@
 // counted in the fragment table.
 #pragma once
 
-#include "enumerate/fragment_cache.h"
+#include "enumerate/fragment_memo.h"
 #include "graph/graph.h"
 #include "table/table.h"
 
@@ -11,8 +11,8 @@ struct FragmentContext {
   int threshold = 0;               // bonds per fragment
   int opt = 1;                     // 1 all acyclic, 2 trees (a vertex of degree > 2), 3 paths
   FragmentTable* table = nullptr;  // where labelled fragments are counted
-  bool memo = true;                // reuse results of fragment graphs met before in this length
-  FragmentCache cache;             // those results
+  bool memo = true;                // grow canonical forms step by step instead of labelling every set
+  FragmentMemo forms;              // the forms and growth steps met so far in the run
 };
 
 // Emits every subtree of `threshold` bonds of the compound once, in the
@@ -26,10 +26,10 @@ Graph build_fragment_graph(const EdgeSet& s, const Graph& compound);
 // The edge label of bond i of the set in the compound.
 int bond_label(const EdgeSet& s, int i, const Graph& compound);
 
-// Builds, filters, labels and inserts one fragment. With ctx.memo set, a
-// fragment graph met before in this length goes straight to its slot.
+// Builds, filters, labels and inserts one fragment, the way every set is
+// handled when ctx.memo is off (the reference the memo is tested against).
 void emit_fragment(const EdgeSet& s, const Graph& compound, int compid, FragmentContext& ctx);
 
-// The same without the memo: every fragment is built, filtered, labelled and
-// probed for. Returns the slot, or -1 when the type filter drops the fragment.
-int emit_fragment_plain(const EdgeSet& s, const Graph& compound, int compid, FragmentContext& ctx);
+// The fragment graph of a bond set into f; `vertices` receives the compound
+// vertices of the set in ascending order (fragment vertex k is vertices[k]).
+void fill_fragment_graph(const EdgeSet& s, const Graph& compound, Graph& f, std::vector<int>& vertices);

@@ -22,23 +22,22 @@ std::vector<EdgeTriple> fragment_triples;
 Graph fragment;
 }  // namespace
 
-static void fill_fragment_graph(const EdgeSet& s, const Graph& compound, Graph& f) {
+void fill_fragment_graph(const EdgeSet& s, const Graph& compound, Graph& f, std::vector<int>& vertices) {
   TAVRIX_CHECK(s.size >= 1);
-  fragment_vertices.clear();
+  vertices.clear();
   for (int i = 0; i < s.size; ++i) {
     TAVRIX_CHECK(s.edge[i].first >= 1 && s.edge[i].first <= compound.vs);
     TAVRIX_CHECK(s.edge[i].second >= 1 && s.edge[i].second <= compound.vs);
-    fragment_vertices.push_back(s.edge[i].first - 1);
-    fragment_vertices.push_back(s.edge[i].second - 1);
+    vertices.push_back(s.edge[i].first - 1);
+    vertices.push_back(s.edge[i].second - 1);
   }
   // Fragment vertices are numbered in ascending compound order.
-  std::sort(fragment_vertices.begin(), fragment_vertices.end());
-  fragment_vertices.erase(std::unique(fragment_vertices.begin(), fragment_vertices.end()), fragment_vertices.end());
+  std::sort(vertices.begin(), vertices.end());
+  vertices.erase(std::unique(vertices.begin(), vertices.end()), vertices.end());
   auto map = [&](int x) {
-    return static_cast<int>(std::lower_bound(fragment_vertices.begin(), fragment_vertices.end(), x) -
-                            fragment_vertices.begin());
+    return static_cast<int>(std::lower_bound(vertices.begin(), vertices.end(), x) - vertices.begin());
   };
-  f.vs = static_cast<int>(fragment_vertices.size());
+  f.vs = static_cast<int>(vertices.size());
   f.es = 2 * s.size;
   f.ncell = 0;
   f.key = 0;
@@ -47,7 +46,7 @@ static void fill_fragment_graph(const EdgeSet& s, const Graph& compound, Graph& 
   f.vcell.assign(f.vs, 0);
   for (int k = 0; k < f.vs; ++k) {
     f.vid[k] = k;
-    f.vl[k] = compound.vl[fragment_vertices[k]];
+    f.vl[k] = compound.vl[vertices[k]];
   }
   fragment_triples.clear();
   for (int i = 0; i < s.size; ++i) {
@@ -61,43 +60,20 @@ static void fill_fragment_graph(const EdgeSet& s, const Graph& compound, Graph& 
 
 Graph build_fragment_graph(const EdgeSet& s, const Graph& compound) {
   Graph f;
-  fill_fragment_graph(s, compound, f);
+  std::vector<int> vertices;
+  fill_fragment_graph(s, compound, f, vertices);
   return f;
 }
 
-int emit_fragment_plain(const EdgeSet& s, const Graph& compound, int compid, FragmentContext& ctx) {
-  fill_fragment_graph(s, compound, fragment);
+void emit_fragment(const EdgeSet& s, const Graph& compound, int compid, FragmentContext& ctx) {
+  fill_fragment_graph(s, compound, fragment, fragment_vertices);
   if (ctx.opt == 2 || ctx.opt == 3) {
     bool branching = false;
     for (int i = 0; i < fragment.vs && !branching; ++i) branching = fragment.v[i + 1] - fragment.v[i] > 2;
-    if (branching != (ctx.opt == 2)) return -1;
+    if (branching != (ctx.opt == 2)) return;
   } else if (ctx.opt != 1) {
     fatal_error("Option not valid\n");
   }
-  if (!canonical_label_fast(fragment)) canonical_label(fragment);
-  return insert_fragment_slot(*ctx.table, fragment, compid);
-}
-
-void emit_fragment(const EdgeSet& s, const Graph& compound, int compid, FragmentContext& ctx) {
-  FragmentCache& cache = ctx.cache;
-  if (!ctx.memo || !make_fragment_key(cache, s, compound)) {
-    emit_fragment_plain(s, compound, compid, ctx);
-    return;
-  }
-  FragmentTable& table = *ctx.table;
-  std::uint64_t hash = 0;
-  const int entry = find_cached(cache, hash);
-  if (entry >= 0) {
-    const int slot = cache.slot[entry];
-    if (slot < 0) return;  // dropped by the type filter, as before
-    // The slot still holds the copy it held when the entry was made.
-    if (table.hashg[slot].g == cache.stored[entry] && table.hashg[slot].g >= 0) {
-      count_in_slot(table, slot, compid);
-      return;
-    }
-    emit_fragment_plain(s, compound, compid, ctx);
-    return;
-  }
-  const int slot = emit_fragment_plain(s, compound, compid, ctx);
-  add_cached(cache, hash, slot, slot < 0 ? -1 : table.hashg[slot].g);
+  canonical_label(fragment);
+  insert_fragment(*ctx.table, fragment, compid);
 }

@@ -23,24 +23,25 @@
 struct SlotTable {
   int words = 0;                          // 64-bit words per mask
   std::vector<std::pair<int, int>> slot;  // 1-based (lower, higher) per bond
+  std::vector<int> label;                 // edge label per bond
   std::vector<std::uint64_t> incident;    // vs masks of `words` words
 };
 
 void build_slot_table(const Graph& g, SlotTable& t);
 
-template <class Emit>
+// The visitor sees every set on the search path: grow(set, marked) right
+// after a bond joins the set (marked: the fragment's vertices before it
+// joined, 0-based), and emit(set) for every complete set.
+template <class Visitor>
 class SubtreeSearch {
  public:
-  SubtreeSearch(const SlotTable& t, int vs, int threshold, Emit& emit)
-      : t_(t), threshold_(threshold), emit_(emit), marked_(vs, 0),
+  SubtreeSearch(const SlotTable& t, int vs, int threshold, Visitor& visitor)
+      : t_(t), threshold_(threshold), visitor_(visitor), marked_(vs, 0),
         frontier_(static_cast<std::size_t>(threshold + 1) * t.words, 0), excluded_(t.words, 0) {
     set_.edge.resize(threshold);
   }
 
-  void run() {
-    if (threshold_ < 1 || t_.slot.empty()) return;
-    extend(0);
-  }
+  void run() { extend(0); }
 
  private:
   // Lowest live slot that qualifies, or -1. `depth` is the set's size.
@@ -65,6 +66,7 @@ class SubtreeSearch {
     // Include branch: the set grows by s, its new vertices join the fragment.
     set_.edge[depth] = {a, b};
     set_.size = depth + 1;
+    visitor_.grow(set_, marked_);
     if (depth + 1 < threshold_) {
       std::uint64_t* next = &frontier_[static_cast<std::size_t>(depth + 1) * t_.words];
       const std::uint64_t* cur = &frontier_[static_cast<std::size_t>(depth) * t_.words];
@@ -82,7 +84,7 @@ class SubtreeSearch {
       extend(depth + 1);
       for (int i = 0; i < nadded; ++i) marked_[added[i]] = 0;
     } else {
-      emit_(set_);
+      visitor_.emit(set_);
     }
     // Exclude branch: s is gone for the rest of this path.
     excluded_[s / 64] |= std::uint64_t{1} << (s % 64);
@@ -92,19 +94,33 @@ class SubtreeSearch {
 
   const SlotTable& t_;
   int threshold_;
-  Emit& emit_;
+  Visitor& visitor_;
   EdgeSet set_;
   std::vector<char> marked_;             // fragment vertices (0-based)
   std::vector<std::uint64_t> frontier_;  // per depth: bonds with one end in the fragment
   std::vector<std::uint64_t> excluded_;  // bonds decided against on this path
 };
 
+// Runs the search over a built slot table; nothing to do when the compound
+// has fewer bonds than the threshold.
+template <class Visitor>
+void search_subtrees(const SlotTable& t, int vs, int threshold, Visitor& visitor) {
+  if (threshold < 1 || threshold > static_cast<int>(t.slot.size())) return;
+  SubtreeSearch<Visitor> search(t, vs, threshold, visitor);
+  search.run();
+}
+
 // Calls emit(const EdgeSet&) for every connected acyclic set of `threshold`
 // bonds of g, each once, in the search order.
 template <class Emit>
 void enumerate_subtrees(const Graph& g, int threshold, Emit&& emit) {
+  struct Adapter {
+    Emit& f;
+    void grow(const EdgeSet&, const std::vector<char>&) {}
+    void emit(const EdgeSet& s) { f(s); }
+  };
   SlotTable t;
   build_slot_table(g, t);
-  SubtreeSearch<std::remove_reference_t<Emit>> search(t, g.vs, threshold, emit);
-  search.run();
+  Adapter visitor{emit};
+  search_subtrees(t, g.vs, threshold, visitor);
 }
