@@ -32,11 +32,20 @@ struct FragmentForm {
 };
 
 // A fragment graph labelled before: its form and, for a stable form, where
-// (offset into FragmentMemo::moves) the fragment vertex at each canonical
+// (offset into FragmentMemo::orders) the fragment vertex at each canonical
 // position is listed; -1 otherwise.
 struct LabelledGraph {
   int form = -1;
   int order = -1;
+};
+
+// Fragments of up to this many atoms keep their moves inside the step.
+constexpr int INLINE_MOVES = 19;
+
+struct GrowthStep {
+  std::uint64_t key = 0;  // 0 marks an empty bucket
+  std::int32_t form = 0;
+  std::uint8_t moves[INLINE_MOVES + 1] = {};
 };
 
 struct FragmentMemo {
@@ -47,14 +56,14 @@ struct FragmentMemo {
 
   // Growth steps: (form, position, bond label, new atom label), or for a
   // first bond (lower atom label, higher atom label, bond label), to the
-  // grown form (-1: not stable, label the set itself) and an offset into
-  // `moves`, which holds the new atom's position and then the grown form's
-  // position of every position of the smaller form.
-  std::vector<std::uint64_t> step_key;  // 0 marks an empty bucket
-  std::vector<int> step_form;
-  std::vector<int> step_moves;
-  std::vector<std::uint8_t> moves;
+  // grown form (-1: not stable, label the set itself) and its moves: the new
+  // atom's position, then the grown form's position of every position of the
+  // smaller form. One record per bucket, so a lookup touches one cache line.
+  std::vector<GrowthStep> step;
   std::size_t steps = 0;
+
+  // The fragment vertex at each canonical position of labelled graphs.
+  std::vector<std::uint8_t> orders;
 
   // Fragment graphs (vs, vl, e, el as bytes) already labelled.
   std::unordered_map<std::string, LabelledGraph> labelled;

@@ -29,9 +29,9 @@ void build_slot_table(const Graph& g, SlotTable& t) {
 
 namespace {
 
-// Positions are kept in bytes and the short labelling route takes at most 32
-// vertices; larger fragments are always labelled from their own graph.
-constexpr int MAX_GROWN_VERTICES = 32;
+// Positions are kept in bytes inside the growth steps; larger fragments are
+// always labelled from their own graph.
+constexpr int MAX_GROWN_VERTICES = INLINE_MOVES;
 // Bounds the memo's memory whatever the input: past this, lookups go on but
 // nothing new is remembered.
 constexpr std::size_t MAX_STEPS = std::size_t{1} << 25;
@@ -76,37 +76,26 @@ int find_or_add_form(FragmentMemo& m, Graph& g, bool stable) {
 
 // Bucket of the step key: its own, or the empty one where it would go.
 std::size_t step_bucket(const FragmentMemo& m, std::uint64_t key) {
-  const std::size_t mask = m.step_key.size() - 1;
+  const std::size_t mask = m.step.size() - 1;
   std::size_t b = mix(key) & mask;
-  while (m.step_key[b] != 0 && m.step_key[b] != key) b = (b + 1) & mask;
+  while (m.step[b].key != 0 && m.step[b].key != key) b = (b + 1) & mask;
   return b;
 }
 
 void add_step(FragmentMemo& m, std::uint64_t key, int form, const std::uint8_t* moves, int nmoves) {
   if (m.steps >= MAX_STEPS) return;
-  if (2 * (m.steps + 1) > m.step_key.size()) {
-    std::vector<std::uint64_t> old_key;
-    std::vector<int> old_form, old_moves;
-    old_key.swap(m.step_key);
-    old_form.swap(m.step_form);
-    old_moves.swap(m.step_moves);
-    const std::size_t size = old_key.empty() ? 1 << 14 : 2 * old_key.size();
-    m.step_key.assign(size, 0);
-    m.step_form.assign(size, 0);
-    m.step_moves.assign(size, 0);
-    for (std::size_t i = 0; i < old_key.size(); ++i) {
-      if (old_key[i] == 0) continue;
-      const std::size_t b = step_bucket(m, old_key[i]);
-      m.step_key[b] = old_key[i];
-      m.step_form[b] = old_form[i];
-      m.step_moves[b] = old_moves[i];
-    }
+  TAVRIX_CHECK(nmoves <= INLINE_MOVES + 1);
+  if (2 * (m.steps + 1) > m.step.size()) {
+    std::vector<GrowthStep> old;
+    old.swap(m.step);
+    m.step.assign(old.empty() ? 1 << 14 : 2 * old.size(), GrowthStep{});
+    for (const GrowthStep& s : old)
+      if (s.key != 0) m.step[step_bucket(m, s.key)] = s;
   }
-  const std::size_t b = step_bucket(m, key);
-  m.step_key[b] = key;
-  m.step_form[b] = form;
-  m.step_moves[b] = static_cast<int>(m.moves.size());
-  m.moves.insert(m.moves.end(), moves, moves + nmoves);
+  GrowthStep& s = m.step[step_bucket(m, key)];
+  s.key = key;
+  s.form = form;
+  std::copy(moves, moves + nmoves, s.moves);
   ++m.steps;
 }
 
@@ -129,12 +118,12 @@ class FormGrower {
                                 static_cast<std::uint64_t>(g_.vl[b]) << 16 | static_cast<std::uint64_t>(label);
       const bool fits = g_.vl[a] < (1 << 16) && g_.vl[b] < (1 << 16) && label < (1 << 16) && label >= 0;
       if (fits && lookup(key, n)) {
-        const std::uint8_t* mv = &m_.moves[found_moves_];
+        const std::uint8_t* mv = found_->moves;
         child[mv[0]] = a;
         child[1 - mv[0]] = b;
         return;
       }
-      label_exactly(set);
+      label_exactly(set, !fits);
       if (fits && grown_[n]) {
         const std::uint8_t pos_a = child[0] == a ? 0 : 1;
         add_step(m_, key, form_[n], &pos_a, 1);
@@ -153,14 +142,16 @@ class FormGrower {
       key = static_cast<std::uint64_t>(form_[n - 1] + 1) << 32 | static_cast<std::uint64_t>(pos) << 24 |
             static_cast<std::uint64_t>(label) << 16 | static_cast<std::uint64_t>(g_.vl[outside]);
       if (lookup(key, n)) {
-        const std::uint8_t* mv = &m_.moves[found_moves_];
+        const std::uint8_t* mv = found_->moves;
         for (int k = 0; k < n; ++k) child[mv[1 + k]] = parent[k];
         child[mv[0]] = outside;
         return;
       }
       if (found_unstable_) fits = false;  // known not to be stable: label the set itself
     }
-    label_exactly(set);
+    // A new step is remembered as a step; only sets off the grown path, or
+    // with forms that are not stable, are remembered by their whole graph.
+    label_exactly(set, !fits);
     if (fits) {
       std::uint8_t mv[MAX_GROWN_VERTICES + 1];
       if (grown_[n]) {
@@ -200,51 +191,59 @@ class FormGrower {
   // Looks the step up; on a hit with a stable result sets the set's form.
   bool lookup(std::uint64_t key, int n) {
     found_unstable_ = false;
-    if (m_.step_key.empty()) return false;
-    const std::size_t b = step_bucket(m_, key);
-    if (m_.step_key[b] != key) return false;
-    if (m_.step_form[b] < 0) {
+    if (m_.step.empty()) return false;
+    const GrowthStep& s = m_.step[step_bucket(m_, key)];
+    if (s.key != key) return false;
+    if (s.form < 0) {
       found_unstable_ = true;
       return false;
     }
-    form_[n] = m_.step_form[b];
+    form_[n] = s.form;
     grown_[n] = 1;
-    found_moves_ = m_.step_moves[b];
+    found_ = &s;
     return true;
   }
 
   // The form of the set from its own fragment graph: looked up by that graph
   // (labelling is a pure function of it), else labelled.
-  void label_exactly(const EdgeSet& set) {
+  void label_exactly(const EdgeSet& set, bool remember) {
     const int n = set.size;
     fill_fragment_graph(set, g_, fragment_, vertices_);
+    int* child = row(n);
+    if (!remember) {
+      label_graph(n, child);
+      return;
+    }
     key_.clear();
     key_.push_back(fragment_.vs);
     key_.insert(key_.end(), fragment_.vl.begin(), fragment_.vl.end());
     key_.insert(key_.end(), fragment_.e.begin(), fragment_.e.end());
     key_.insert(key_.end(), fragment_.el.begin(), fragment_.el.end());
     bytes_.assign(reinterpret_cast<const char*>(key_.data()), key_.size() * sizeof(int));
-    int* child = row(n);
     if (auto it = m_.labelled.find(bytes_); it != m_.labelled.end()) {
       form_[n] = it->second.form;
       grown_[n] = it->second.order >= 0;
       if (grown_[n])
-        for (int k = 0; k < fragment_.vs; ++k) child[k] = vertices_[m_.moves[it->second.order + k]];
+        for (int k = 0; k < fragment_.vs; ++k) child[k] = vertices_[m_.orders[it->second.order + k]];
       return;
     }
+    label_graph(n, child);
+    int order = -1;
+    if (grown_[n]) {
+      order = static_cast<int>(m_.orders.size());
+      for (int k = 0; k < fragment_.vs; ++k) m_.orders.push_back(static_cast<std::uint8_t>(fragment_.vid[k]));
+    }
+    if (m_.labelled.size() < MAX_STEPS) m_.labelled.emplace(bytes_, LabelledGraph{form_[n], order});
+  }
+
+  // Labels the fragment graph built for the set of n bonds and sets its form.
+  void label_graph(int n, int* child) {
     const bool stable = fragment_.vs <= MAX_GROWN_VERTICES && canonical_label_fast(fragment_);
     if (!stable) canonical_label(fragment_);
     form_[n] = find_or_add_form(m_, fragment_, stable);
     grown_[n] = stable;
-    int order = -1;
-    if (stable) {
-      order = static_cast<int>(m_.moves.size());
-      for (int k = 0; k < fragment_.vs; ++k) {
-        child[k] = vertices_[fragment_.vid[k]];
-        m_.moves.push_back(static_cast<std::uint8_t>(fragment_.vid[k]));
-      }
-    }
-    if (m_.labelled.size() < MAX_STEPS) m_.labelled.emplace(bytes_, LabelledGraph{form_[n], order});
+    if (stable)
+      for (int k = 0; k < fragment_.vs; ++k) child[k] = vertices_[fragment_.vid[k]];
   }
 
   const Graph& g_;
@@ -255,7 +254,7 @@ class FormGrower {
   std::vector<int> form_;    // form of the set of each size on the path
   std::vector<char> grown_;  // its form is stable and its row of `at_` is valid
   std::vector<int> at_;      // per size: compound atom (0-based) at each canonical position
-  int found_moves_ = 0;
+  const GrowthStep* found_ = nullptr;
   bool found_unstable_ = false;
   Graph fragment_;
   std::vector<int> vertices_;
