@@ -27,8 +27,11 @@ std::vector<int> current_slots(const FragmentTable& table) {
 }
 
 void create_occurrence_lists(FragmentTable& table, int n) {
+  // Every list has room for 100 entries, doubling when full; the entries
+  // themselves are taken as they come, so a million small compounds do not
+  // hold 800 MB of empty entries.
   table.csrcount.assign(n, OccurrenceCount{0, 100, 0});
-  table.csr.assign(n, std::vector<Occurrence>(100));
+  table.csr.assign(n, std::vector<Occurrence>());
 }
 
 std::uint32_t compute_key(const Graph& g) {
@@ -109,11 +112,8 @@ void count_in_slot(FragmentTable& table, int slot, int compid) {
 void append_occurrence(FragmentTable& table, int compid, int id) {
   OccurrenceCount& count = table.csrcount[compid];
   std::vector<Occurrence>& list = table.csr[compid];
-  if (count.size == count.capacity) {
-    count.capacity *= 2;
-    list.resize(count.capacity);
-  }
-  list[count.size] = Occurrence{id, 1};
+  if (count.size == count.capacity) count.capacity *= 2;
+  list.push_back(Occurrence{id, 1});
   ++count.size;
 }
 
@@ -136,10 +136,5 @@ void add_occurrence(FragmentTable& table, int compid, int id) {
     ++list[p].count;
     return;
   }
-  if (count.size == count.capacity) {
-    count.capacity *= 2;
-    list.resize(count.capacity);
-  }
-  list[count.size] = Occurrence{id, 1};
-  ++count.size;
+  append_occurrence(table, compid, id);
 }
