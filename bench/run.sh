@@ -26,9 +26,10 @@ stage_of() {
   case "$1" in
     *read_line*|*next_line*|*tokenize*|*sd_*|*mol2_*|*_IO_getc*|*fgets*|*label_dictionary*|*read_compounds*|*field_digits*|*memchr*) echo reading ;;
     *SubtreeSearch*|*enumerate*|*build_slot_table*) echo enumeration ;;
-    *fill_fragment_graph*|*build_adjacency*|*bond_label*|*make_fragment_key*) echo "fragment graph" ;;
+    *FormGrower*|*find_or_add_form*|*add_step*|*_Hashtable*) echo "labelling (grown forms)" ;;
+    *fill_fragment_graph*|*build_adjacency*|*bond_label*|*fill_fragment*) echo "fragment graph" ;;
     *canonical_label*|*sort_vertices*|*refine*|*store_graph*|*load_graph*|*compare_rows*|*permutation*|*individual*|*copy_state*|*compute_key*|*place_cell*|*search*) echo labelling ;;
-    *insert_fragment*|*count_in_slot*|*find_cached*|*add_cached*|*compare_graphs*|*occurrence*|*create_table*|*current_slots*) echo table ;;
+    *insert_fragment*|*count_in_slot*|*compare_graphs*|*occurrence*|*create_table*|*current_slots*) echo table ;;
     *printf*|*write_*|*xsputn*|*_IO_*|*itoa*|*strchrnul*|*fputs*|*descriptor*) echo writing ;;
     *) echo other ;;
   esac
