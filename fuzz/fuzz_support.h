@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "common/common.h"
@@ -15,14 +16,20 @@
 
 namespace fuzzsupport {
 
-// One folder per process, so two fuzzers (or -jobs) never share files.
+// One folder per process, so two fuzzers (or -jobs) never share files;
+// removed when the fuzzer ends normally (a crash leaves it for a look).
 inline const std::string& scratch_dir() {
-  static const std::string dir = [] {
+  // Never destroyed, so the exit handler still finds it after static destructors.
+  static const std::string* dir = [] {
     char pattern[] = "/tmp/tavrix-fuzz-XXXXXX";
     if (mkdtemp(pattern) == nullptr) std::abort();
-    return std::string(pattern);
+    std::atexit([] {
+      std::error_code ignored;
+      std::filesystem::remove_all(*dir, ignored);
+    });
+    return new std::string(pattern);
   }();
-  return dir;
+  return *dir;
 }
 
 inline std::string write_input(const std::string& name, const std::uint8_t* data, std::size_t size) {
