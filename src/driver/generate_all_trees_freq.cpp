@@ -7,6 +7,7 @@
 
 #include "common/common.h"
 #include "driver/driver.h"
+#include "driver/progress.h"
 #include "enumerate/enumerate.h"
 #include "input/input.h"
 #include "output/output.h"
@@ -51,6 +52,8 @@ int run(int argc, char** argv) {
   ctx.table = &table;
   table.total = 0;
   int k = 0;
+  Progress progress;  // a line on standard error, only when it is a terminal
+  progress_start(progress, n, settings.lmin, settings.lmax);
   // A 64-bit counter: lmax may be the largest int.
   for (long long t = settings.lmin; t <= settings.lmax; ++t) {
     const int threshold = static_cast<int>(t);
@@ -59,11 +62,13 @@ int run(int argc, char** argv) {
     table.threshold = threshold;
     for (int compid = 0; compid < n; ++compid) {
       enumerate_fragments(input.compounds[compid], compid, ctx);
+      progress_compound(progress, table, threshold, compid);
       table.csrcount[compid].offset = table.csrcount[compid].size;
     }
     issue_descriptors(table, settings, input.dictionary, idmap, k, structure.get());
     std::printf("total upto this threshold = %d,value of k = %d\n", table.total, k);
   }
+  progress_finish(progress);
   std::printf("total features stored after freq elimination = %d\n", k);
 
   input.compounds = {};
