@@ -1,0 +1,79 @@
+// Installation: cmake --install into a scratch prefix gives working programs
+// and manual pages; cpack builds a Debian package holding the same files.
+#include <gtest/gtest.h>
+
+#include "support/process.h"
+
+using testsupport::file_exists;
+using testsupport::make_temp_dir;
+using testsupport::read_file;
+using testsupport::remove_tree;
+using testsupport::run_program;
+using testsupport::write_file;
+
+namespace {
+
+// The full path of a program on PATH, or "" when there is none.
+std::string on_path(const std::string& name) {
+  const char* path = std::getenv("PATH");
+  std::string dirs = path ? path : "/usr/bin:/bin";
+  std::size_t start = 0;
+  while (start <= dirs.size()) {
+    std::size_t end = dirs.find(':', start);
+    if (end == std::string::npos) end = dirs.size();
+    const std::string candidate = dirs.substr(start, end - start) + "/" + name;
+    if (access(candidate.c_str(), X_OK) == 0) return candidate;
+    start = end + 1;
+  }
+  return "";
+}
+
+}  // namespace
+
+TEST(install, scratch_prefix_gets_programs_that_run_and_manual_pages) {
+  const std::string cmake = on_path("cmake");
+  if (cmake.empty()) GTEST_SKIP() << "no cmake on PATH";
+  const std::string prefix = make_temp_dir(), work = make_temp_dir();
+  const auto install = run_program(cmake, {"--install", TAVRIX_BUILD_DIR, "--prefix", prefix}, work);
+  ASSERT_EQ(install.status, 0) << install.out << install.err;
+  EXPECT_TRUE(file_exists(prefix + "/share/man/man1/Tavrix.1"));
+  EXPECT_TRUE(file_exists(prefix + "/share/man/man1/tavrix-matrix.1"));
+  EXPECT_EQ(read_file(prefix + "/share/man/man1/Tavrix.1").rfind(".TH TAVRIX 1", 0), 0u);
+
+  write_file(work + "/example.sdf", read_file(std::string(TAVRIX_TEST_DATA) + "/example/example.sdf"));
+  const auto run = run_program(prefix + "/bin/Tavrix", {"-lmax", "4", "example.sdf"}, work);
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "");
+  EXPECT_NE(run.out.find("Descriptors generated : writing id and frequency files\n"), std::string::npos) << run.out;
+  EXPECT_TRUE(file_exists(work + "/example.out"));
+  EXPECT_TRUE(file_exists(work + "/example_frag.sdf"));
+  EXPECT_FALSE(file_exists(work + "/example.sdf.dict"));
+
+  const auto matrix = run_program(prefix + "/bin/tavrix-matrix", {"example.out"}, work);
+  EXPECT_EQ(matrix.status, 0) << matrix.err;
+  EXPECT_EQ(read_file(work + "/example.rows"), "1\n2\n3\n");
+  remove_tree(prefix);
+  remove_tree(work);
+}
+
+TEST(install, debian_package_holds_both_programs_and_their_pages) {
+  const std::string cpack = on_path("cpack"), dpkg_deb = on_path("dpkg-deb");
+  if (cpack.empty() || dpkg_deb.empty()) GTEST_SKIP() << "needs cpack and dpkg-deb";
+  const std::string out = make_temp_dir();
+  const auto pack = run_program(
+      cpack, {"-G", "DEB", "--config", std::string(TAVRIX_BUILD_DIR) + "/CPackConfig.cmake", "-B", out}, out);
+  ASSERT_EQ(pack.status, 0) << pack.out << pack.err;
+  const auto find = run_program("/bin/sh", {"-c", "ls *.deb"}, out);
+  ASSERT_EQ(find.status, 0) << find.err;
+  const std::string deb = find.out.substr(0, find.out.find('\n'));
+  EXPECT_EQ(deb.rfind("tavrix_", 0), 0u) << deb;
+
+  const auto contents = run_program(dpkg_deb, {"--contents", deb}, out);
+  ASSERT_EQ(contents.status, 0) << contents.err;
+  for (const char* path : {"./usr/bin/Tavrix\n", "./usr/bin/tavrix-matrix\n", "./usr/share/man/man1/Tavrix.1\n",
+                           "./usr/share/man/man1/tavrix-matrix.1\n"})
+    EXPECT_NE(contents.out.find(path), std::string::npos) << path << "\n" << contents.out;
+  const auto control = run_program(dpkg_deb, {"--field", deb, "Package", "Depends"}, out);
+  EXPECT_EQ(control.out.rfind("Package: tavrix\nDepends: libc6", 0), 0u) << control.out;
+  remove_tree(out);
+}
