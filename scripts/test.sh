@@ -49,4 +49,7 @@ fi
 echo "=== the whole suite with AddressSanitizer and UndefinedBehaviorSanitizer"
 cmake -S "$root" -B "$root/build/test-sanitize" -DCMAKE_BUILD_TYPE=Debug -DTAVRIX_SANITIZE=ON >/dev/null
 cmake --build "$root/build/test-sanitize" -j"$jobs"
-ctest --test-dir "$root/build/test-sanitize" -j"$jobs" --output-on-failure
+# The Debian package check is left to the release run: a sanitized program
+# rightly depends on the sanitizer runtimes, and no one packages it.
+ctest --test-dir "$root/build/test-sanitize" -j"$jobs" --output-on-failure \
+  -E '^install\.debian_package_holds_both_programs_and_their_pages$'
