@@ -15,7 +15,9 @@
 // Every line is read into this many bytes, terminator included; a longer
 // line arrives as several lines.
 constexpr std::size_t LINE_BUFFER_SIZE = 500000;
-// A line holds at most MAX_TOKENS - 1 tokens of at most MAX_TOKEN_LENGTH bytes.
+// A line holds at most MAX_TOKENS - 1 tokens; an atom type (a token that
+// becomes a label) holds at most MAX_TOKEN_LENGTH bytes. Other tokens are kept
+// whole, so long data values in SD records are simply passed over.
 constexpr int MAX_TOKENS = 1000;
 constexpr std::size_t MAX_TOKEN_LENGTH = 999;
 constexpr int MAX_ATOM_LABELS = 1000;
@@ -60,9 +62,8 @@ struct TokenArray {
 
 // Splits the line at spaces (tabs stay inside tokens). A line shorter than
 // two bytes or without a token gives count 0 and "nil" in slot 0. A line of
-// MAX_TOKENS or more tokens ends the run with the tokeniser's message pair; a
-// token longer than MAX_TOKEN_LENGTH ends it with a message naming `record`.
-void tokenize_line(std::string_view line, TokenArray& tokens, const RecordRef& record);
+// MAX_TOKENS or more tokens ends the run with the tokeniser's message pair.
+void tokenize_line(std::string_view line, TokenArray& tokens);
 
 // The first space-separated token of the line is "$$$$"; the same test the
 // tokeniser makes, without its limits, for lines a pass does not tokenise.

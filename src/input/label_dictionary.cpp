@@ -52,7 +52,7 @@ int leading_number(std::string_view text) {
   return value;
 }
 
-void tokenize_line(std::string_view line, TokenArray& tokens, const RecordRef& record) {
+void tokenize_line(std::string_view line, TokenArray& tokens) {
   // Only the part before the first line feed is split, as the copy with its
   // line feeds cut would be.
   std::size_t feed = line.find('\n');
@@ -69,16 +69,15 @@ void tokenize_line(std::string_view line, TokenArray& tokens, const RecordRef& r
   while (pos != std::string_view::npos) {
     std::size_t end = text.find(' ', pos);
     std::string_view token = text.substr(pos, end == std::string_view::npos ? end : end - pos);
-    if (token.size() > MAX_TOKEN_LENGTH)
-      refuse_record(record, format_text("a line holds a field of %zu characters, more than the %zu allowed",
-                                        token.size(), MAX_TOKEN_LENGTH));
     if (count == 0) first_token = token;
     tokens.slot[count++].assign(token);
     // Checked before the next token is looked for, so a line of exactly
     // MAX_TOKENS tokens is refused as well.
     if (count == MAX_TOKENS) {
+      // The split copy of the line reads, from its start, as its leading
+      // spaces and the first token.
       std::printf("total items in this transaction = %d,id = %s,str = %s\n", MAX_TOKENS,
-                  tokens.slot[MAX_TOKENS - 1].c_str(), std::string(first_token).c_str());
+                  tokens.slot[MAX_TOKENS - 1].c_str(), std::string(text.substr(0, first + first_token.size())).c_str());
       fatal_error("memory for array not sufficient\n");
     }
     pos = end == std::string_view::npos ? end : text.find_first_not_of(' ', end);

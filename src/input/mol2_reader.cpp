@@ -109,9 +109,9 @@ bool next_atom_line(Mol2Cursor& c, bool& bond_marker) {
 }
 
 // The atom label of a tokenised atom line, or false when it has fewer than
-// six fields or its basic type is too long.
+// six fields or its type (or basic type) is too long.
 bool form_atom_label(const TokenArray& tokens, bool basic_types, std::string_view& label) {
-  if (tokens.count < 6) return false;
+  if (tokens.count < 6 || tokens.slot[5].size() > MAX_TOKEN_LENGTH) return false;
   label = tokens.slot[5];
   if (basic_types) label = label.substr(0, label.find('.'));
   return label.size() <= MAX_BASIC_TYPE_LENGTH || !basic_types;
@@ -146,7 +146,7 @@ DictionaryScan scan_mol2_labels(const RunSettings& settings, const std::string& 
     if (h.end == HeadEnd::complete) {
       bool bond_marker = false;
       while (next_atom_line(c, bond_marker)) {
-        tokenize_line(c.in.line, tokens, record);
+        tokenize_line(c.in.line, tokens);
         std::string_view label;
         if (form_atom_label(tokens, settings.NoAtmLabels, label)) collect_atom_label(labels, label, count);
       }
@@ -174,10 +174,10 @@ std::vector<Graph> allocate_mol2_graphs(const RunSettings& settings, int n) {
     int bond_lines = 0;
     if (h.end == HeadEnd::complete) {
       bool bond_marker = false;
-      while (next_atom_line(c, bond_marker)) tokenize_line(c.in.line, tokens, record);
+      while (next_atom_line(c, bond_marker)) tokenize_line(c.in.line, tokens);
       if (bond_marker) {
         for (c.advance(); !c.at_end && !ends_bond_section(c.in.line); c.advance()) {
-          tokenize_line(c.in.line, tokens, record);
+          tokenize_line(c.in.line, tokens);
           ++bond_lines;
         }
       }
@@ -235,10 +235,13 @@ void read_mol2_graphs(const RunSettings& settings, FilePtr stream, std::vector<G
     while (next_atom_line(c, bond_marker)) {
       if (k == h.na)
         refuse_record(record, format_text("the atom section lists more than the %d atoms of the counts line", h.na));
-      tokenize_line(c.in.line, tokens, record);
+      tokenize_line(c.in.line, tokens);
       std::string_view label;
       if (!form_atom_label(tokens, settings.NoAtmLabels, label)) {
         if (tokens.count < 6) refuse_record(record, format_text("atom line %d has fewer than six fields", k + 1));
+        if (tokens.slot[5].size() > MAX_TOKEN_LENGTH)
+          refuse_record(record, format_text("atom line %d: the atom type of %zu characters is longer than the %zu allowed",
+                                            k + 1, tokens.slot[5].size(), MAX_TOKEN_LENGTH));
         refuse_record(record, format_text("atom line %d: the atom type '%s' is longer than %zu characters before its '.'",
                                           k + 1, tokens.slot[5].c_str(), MAX_BASIC_TYPE_LENGTH));
       }
@@ -254,7 +257,7 @@ void read_mol2_graphs(const RunSettings& settings, FilePtr stream, std::vector<G
     int bond_lines = 0;
     for (c.advance(); !c.at_end && !ends_bond_section(c.in.line); c.advance()) {
       ++bond_lines;
-      tokenize_line(c.in.line, tokens, record);
+      tokenize_line(c.in.line, tokens);
       if (tokens.count < 4) refuse_record(record, format_text("bond line %d has fewer than four fields", bond_lines));
       const char* label = mol2_bond_label(tokens.slot[3]);
       if (label == nullptr)

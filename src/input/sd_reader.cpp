@@ -62,9 +62,9 @@ std::string sd_name(const SdHeader& h, int index) {
 
 // Passes over the lines up to and including the first whose first token is
 // "$$$$", or to the end of the file.
-void skip_to_record_end(InputLines& in, TokenArray& tokens, const RecordRef& record) {
+void skip_to_record_end(InputLines& in, TokenArray& tokens) {
   while (next_line(in)) {
-    tokenize_line(in.line, tokens, record);
+    tokenize_line(in.line, tokens);
     if (tokens.slot[0] == "$$$$") return;
   }
 }
@@ -110,7 +110,7 @@ DictionaryScan scan_sd_labels(const RunSettings& settings, const std::string& di
       // rather than turned into an empty label the loader would stop at.
       if (!record_ended && has_symbol_columns(in.line)) collect_atom_label(labels, atom_symbol(in.line), count);
     }
-    if (!file_ended && !record_ended) skip_to_record_end(in, tokens, record);
+    if (!file_ended && !record_ended) skip_to_record_end(in, tokens);
     ++count;
     if (file_ended) break;
   }
@@ -135,7 +135,7 @@ std::vector<Graph> allocate_sd_graphs(const RunSettings& settings, int n) {
     g.v.assign(h.na + 1, 0);
     g.vid.assign(h.na, 0);
     g.vl.assign(h.na, 0);
-    skip_to_record_end(in, tokens, RecordRef{i + 1, sd_name(h, i)});
+    skip_to_record_end(in, tokens);
   }
   return compounds;
 }
@@ -201,7 +201,7 @@ void read_sd_graphs(const RunSettings& settings, FilePtr stream, std::vector<Gra
       triples[2 * b + 1] = {fy, fx, label};
     }
     build_adjacency(triples, g);
-    skip_to_record_end(in, tokens, record);
+    skip_to_record_end(in, tokens);
   }
   TAVRIX_CHECK(i == static_cast<int>(compounds.size()));
   n_out = i;

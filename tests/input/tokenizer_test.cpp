@@ -14,7 +14,7 @@ using namespace inputtest;
 
 std::vector<std::string> tokens_of(const std::string& line) {
   TokenArray t;
-  tokenize_line(line, t, RecordRef{1, "x"});
+  tokenize_line(line, t);
   return std::vector<std::string>(t.slot.begin(), t.slot.begin() + t.count);
 }
 
@@ -28,7 +28,7 @@ TEST(tokenize_line, leaves_nil_for_lines_without_tokens) {
   for (const char* line : {"\n", "", "x", "     \n"}) {
     TokenArray t;
     t.slot[1] = "stale";
-    tokenize_line(line, t, RecordRef{1, "x"});
+    tokenize_line(line, t);
     EXPECT_EQ(t.count, 0) << line;
     EXPECT_EQ(t.slot[0], "nil") << line;
   }
