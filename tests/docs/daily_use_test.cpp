@@ -1,4 +1,4 @@
-// The Python examples of docs/daily-use.md, run as written on a real run of
+// The Python examples of README.md, run as written on a real run of
 // the bundled example, so the page stays true. Skipped where /usr/bin/python3
 // lacks NumPy, SciPy or RDKit.
 #include <gtest/gtest.h>
@@ -39,7 +39,7 @@ TEST(daily_use, python_examples_load_the_matrix_and_draw_a_descriptor) {
     GTEST_SKIP() << "needs NumPy, SciPy and RDKit: " << modules.err;
   }
   const std::vector<std::string> blocks =
-      python_blocks(read_file(std::string(TAVRIX_TEST_DATA) + "/../../docs/daily-use.md"));
+      python_blocks(read_file(std::string(TAVRIX_TEST_DATA) + "/../../README.md"));
   ASSERT_EQ(blocks.size(), 2u);
 
   write_file(dir + "/compounds.sdf", read_file(std::string(TAVRIX_TEST_DATA) + "/example/example.sdf"));
