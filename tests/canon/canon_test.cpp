@@ -2,6 +2,8 @@
 // over random labelled trees checked against a brute force.
 #include <gtest/gtest.h>
 
+#include "support/graphs.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -15,26 +17,8 @@
 
 namespace {
 
-struct Bond {
-  int u, w, label;
-};
-
-Graph make_graph(const std::vector<int>& labels, const std::vector<Bond>& bonds) {
-  Graph g;
-  g.vs = static_cast<int>(labels.size());
-  g.es = 2 * static_cast<int>(bonds.size());
-  g.vl = labels;
-  g.vid.resize(g.vs);
-  for (int k = 0; k < g.vs; ++k) g.vid[k] = k;
-  g.vcell.assign(g.vs, 0);
-  std::vector<EdgeTriple> triples;
-  for (const Bond& b : bonds) {
-    triples.push_back({b.u, b.w, b.label});
-    triples.push_back({b.w, b.u, b.label});
-  }
-  build_adjacency(triples, g);
-  return g;
-}
+using testsupport::Bond;
+using testsupport::make_graph;
 
 Graph labelled(Graph g) {
   canonical_label(g);

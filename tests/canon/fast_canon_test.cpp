@@ -3,6 +3,8 @@
 // vcell, and the short route must decline exactly the graphs it cannot take.
 #include <gtest/gtest.h>
 
+#include "support/graphs.h"
+
 #include <random>
 #include <vector>
 
@@ -11,26 +13,8 @@
 
 namespace {
 
-struct Bond {
-  int u, w, label;
-};
-
-Graph tree_of(const std::vector<int>& labels, const std::vector<Bond>& bonds) {
-  Graph g;
-  g.vs = static_cast<int>(labels.size());
-  g.es = 2 * static_cast<int>(bonds.size());
-  g.vl = labels;
-  g.vid.resize(g.vs);
-  for (int k = 0; k < g.vs; ++k) g.vid[k] = k;
-  g.vcell.assign(g.vs, 0);
-  std::vector<EdgeTriple> triples;
-  for (const Bond& b : bonds) {
-    triples.push_back({b.u, b.w, b.label});
-    triples.push_back({b.w, b.u, b.label});
-  }
-  build_adjacency(triples, g);
-  return g;
-}
+using testsupport::Bond;
+using testsupport::make_graph;
 
 // A random tree on n vertices whose numbering is shuffled, with labels drawn
 // from small alphabets so that equal cells are common.
@@ -50,7 +34,7 @@ Graph random_tree(std::mt19937& rng, int n, int vlabels, int elabels, int max_de
   }
   std::vector<int> named(n);
   for (int k = 0; k < n; ++k) named[name[k]] = labels[k];
-  return tree_of(named, bonds);
+  return make_graph(named, bonds);
 }
 
 // A centre with `leaves` equal leaves, numbered in a shuffled order.
@@ -62,7 +46,7 @@ Graph star(std::mt19937& rng, int leaves) {
   labels[name[0]] = 6;
   std::vector<Bond> bonds;
   for (int k = 1; k <= leaves; ++k) bonds.push_back({name[0], name[k], 0});
-  return tree_of(labels, bonds);
+  return make_graph(labels, bonds);
 }
 
 // Two bonded centres with three equal neighbours each.
@@ -75,7 +59,7 @@ Graph two_centres(std::mt19937& rng, int neighbour_label) {
   std::vector<Bond> bonds{{name[0], name[1], 0}};
   for (int k = 2; k < 5; ++k) bonds.push_back({name[0], name[k], 0});
   for (int k = 5; k < 8; ++k) bonds.push_back({name[1], name[k], 0});
-  return tree_of(labels, bonds);
+  return make_graph(labels, bonds);
 }
 
 // Labels g both ways; returns whether the short route took it.
@@ -144,7 +128,7 @@ TEST(canonical_label_fast, a_chain_of_four_equal_atoms_takes_the_search) {
   for (int round = 0; round < 20; ++round) {
     std::vector<int> name{0, 1, 2, 3};
     std::shuffle(name.begin(), name.end(), rng);
-    const Graph g = tree_of({1, 1, 1, 1}, {{name[0], name[1], 0}, {name[1], name[2], 0}, {name[2], name[3], 0}});
+    const Graph g = make_graph({1, 1, 1, 1}, {{name[0], name[1], 0}, {name[1], name[2], 0}, {name[2], name[3], 0}});
     EXPECT_TRUE(same_both_ways(g));
   }
 }

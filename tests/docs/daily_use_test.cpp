@@ -5,12 +5,7 @@
 
 #include "support/process.h"
 
-using testsupport::file_exists;
-using testsupport::make_temp_dir;
-using testsupport::read_file;
-using testsupport::remove_tree;
-using testsupport::run_program;
-using testsupport::write_file;
+using namespace testsupport;
 
 namespace {
 

@@ -10,12 +10,7 @@
 #include "matrix_export.h"
 #include "support/process.h"
 
-using testsupport::file_exists;
-using testsupport::make_temp_dir;
-using testsupport::read_file;
-using testsupport::remove_tree;
-using testsupport::run_program;
-using testsupport::write_file;
+using namespace testsupport;
 
 namespace {
 
