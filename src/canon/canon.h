@@ -17,3 +17,19 @@ void canonical_label(Graph& g);
 // el, vl, key, ncell and vcell come out as canonical_label writes them; vid
 // may differ where the graph has symmetries (equal codes, either order).
 bool canonical_label_fast(Graph& g);
+
+// A graph of at most SMALL_GRAPH_VERTICES vertices as the short route reads
+// it: labels and a matrix of edge label + 1 (0 for no bond, rows and columns
+// 0..n-1 filled, the diagonal 0).
+constexpr int SMALL_GRAPH_VERTICES = 32;
+struct SmallGraph {
+  int n = 0;
+  int label[SMALL_GRAPH_VERTICES];
+  int adj[SMALL_GRAPH_VERTICES][SMALL_GRAPH_VERTICES];
+};
+
+// The short route on a SmallGraph: when every refined cell has fewer than
+// SEARCH_CELL_LIMIT vertices, writes into order[k] the vertex at canonical
+// position k and returns true (the canonical form is then the graph read in
+// that order, whatever the input numbering); false otherwise.
+bool canonical_order_fast(const SmallGraph& g, int* order);

@@ -19,14 +19,14 @@
 
 namespace {
 
-constexpr int MAXV = 32;   // vertices
+constexpr int MAXV = SMALL_GRAPH_VERTICES;
 constexpr int MAXK = 3 + 2 * MAXV;  // key entries: p, -d, l, then (code, p) per neighbour
 
 struct Small {
   int n = 0;
-  int adj[MAXV][MAXV];  // 0 or edge label + 1
+  const int (*adj)[MAXV] = nullptr;  // the input's matrix
+  const int* label = nullptr;        // the input's labels
   int deg[MAXV];
-  int label[MAXV];
   int nb[MAXV][MAXV];   // neighbours of each vertex
   int p[MAXV];          // cell of each vertex
   int key[MAXV][MAXK];
@@ -147,20 +147,18 @@ void search(int c) {
 
 }  // namespace
 
-bool canonical_label_fast(Graph& g) {
-  const int n = g.vs;
+bool canonical_order_fast(const SmallGraph& g, int* order) {
+  const int n = g.n;
   if (n < 1 || n > MAXV) return false;
   s.n = n;
+  s.adj = g.adj;
+  s.label = g.label;
   for (int u = 0; u < n; ++u) {
-    std::memset(s.adj[u], 0, sizeof(int) * n);
-    s.deg[u] = g.v[u + 1] - g.v[u];
-    s.label[u] = g.vl[u];
+    int d = 0;
+    for (int w = 0; w < n; ++w)
+      if (g.adj[u][w] != 0) s.nb[u][d++] = w;
+    s.deg[u] = d;
     s.p[u] = 0;
-    if (s.deg[u] > MAXV) return false;
-    for (int j = g.v[u]; j < g.v[u + 1]; ++j) {
-      s.adj[u][g.e[j]] = g.el[j] + 1;
-      s.nb[u][j - g.v[u]] = g.e[j];
-    }
   }
   // Passes go on while they add cells, as in refine.
   int parts = 1, previous = 0;
@@ -184,23 +182,40 @@ bool canonical_label_fast(Graph& g) {
     search(0);
     std::memcpy(s.perm, s.best, sizeof(int) * n);
   }
+  std::memcpy(order, s.perm, sizeof(int) * n);
+  return true;
+}
+
+bool canonical_label_fast(Graph& g) {
+  const int n = g.vs;
+  if (n < 1 || n > MAXV) return false;
+  static SmallGraph in;
+  in.n = n;
+  for (int u = 0; u < n; ++u) {
+    if (g.v[u + 1] - g.v[u] > MAXV) return false;
+    std::memset(in.adj[u], 0, sizeof(int) * n);
+    in.label[u] = g.vl[u];
+    for (int j = g.v[u]; j < g.v[u + 1]; ++j) in.adj[u][g.e[j]] = g.el[j] + 1;
+  }
+  int perm[MAXV];
+  if (!canonical_order_fast(in, perm)) return false;
   // Write the graph back in the chosen order, as store_graph does.
   int vid[MAXV];
-  for (int k = 0; k < n; ++k) vid[k] = g.vid[s.perm[k]];
+  for (int k = 0; k < n; ++k) vid[k] = g.vid[perm[k]];
   g.vcell.resize(n);
-  g.ncell = parts;
+  g.ncell = s.parts;
   for (int k = 0; k < n; ++k) {
-    g.vl[k] = s.label[s.perm[k]];
+    g.vl[k] = in.label[perm[k]];
     g.vid[k] = vid[k];
-    g.vcell[k] = s.p[s.perm[k]];
+    g.vcell[k] = s.p[perm[k]];
   }
   int c = 0;
   g.v[0] = 0;
   for (int a = 0; a < n; ++a) {
-    const int* row = s.adj[s.perm[a]];
+    const int* row = in.adj[perm[a]];
     for (int b = 0; b < n; ++b) {
       if (b == a) continue;
-      const int code = row[s.perm[b]];
+      const int code = row[perm[b]];
       if (code != 0) {
         g.e[c] = b;
         g.el[c] = code - 1;

@@ -73,7 +73,7 @@ void progress_start_on(Progress& p, std::FILE* stream, std::size_t width, int n_
   p.n = n_compounds;
   p.lmin = lmin;
   p.lmax = lmax;
-  p.start = p.length_start = p.last_check = now;
+  p.start = p.last_check = now;
   p.next_print = now + QUIET_START;
 }
 
@@ -87,51 +87,37 @@ void progress_start(Progress& p, int n_compounds, int lmin, int lmax) {
   progress_start_on(p, stderr, width, n_compounds, lmin, lmax, ProgressClock::now());
 }
 
-std::string progress_text(int threshold, int lmin, int lmax, int done, int n, double fragments_per_second,
-                          double seconds_left) {
-  return "length " + std::to_string(threshold) + " of " + std::to_string(lmin) + "-" + std::to_string(lmax) + ": " +
-         std::to_string(done) + "/" + std::to_string(n) + " compounds, " + rate_text(fragments_per_second) +
-         " frag/s, length done in ~" + time_text(seconds_left);
+std::string progress_text(int lmin, int lmax, int done, int n, double fragments_per_second, double seconds_left) {
+  const std::string lengths =
+      lmin == lmax ? "length " + std::to_string(lmin) : "lengths " + std::to_string(lmin) + "-" + std::to_string(lmax);
+  return lengths + ": " + std::to_string(done) + "/" + std::to_string(n) + " compounds, " +
+         rate_text(fragments_per_second) + " frag/s, done in ~" + time_text(seconds_left);
 }
 
-void progress_update_at(Progress& p, int threshold, int compounds_done, long long fragments_so_far,
-                        ProgressClock::time_point now) {
+void progress_update_at(Progress& p, int compounds_done, long long fragments_so_far, ProgressClock::time_point now) {
   if (!p.enabled) return;
   if (compounds_done >= p.n) {
     clear(p);
-    // The next length is timed from here: its first compound is under way.
-    p.length_start = now;
     return;
   }
   if (now < p.next_print) return;
   p.next_print = now + PRINT_GAP;
-  const double elapsed = duration<double>(now - p.length_start).count();
+  const double elapsed = duration<double>(now - p.start).count();
   const double rate = elapsed > 0 ? static_cast<double>(fragments_so_far) / elapsed : 0;
   const double left = compounds_done > 0 ? elapsed * (p.n - compounds_done) / compounds_done : -1;
-  draw(p, progress_text(threshold, p.lmin, p.lmax, compounds_done, p.n, rate, left));
+  draw(p, progress_text(p.lmin, p.lmax, compounds_done, p.n, rate, left));
 }
 
-void progress_update(Progress& p, int threshold, int compounds_done, long long fragments_so_far) {
+void progress_update(Progress& p, int compounds_done, long long fragments_so_far) {
   if (!p.enabled) return;
-  // The end of a length always counts: it clears the line.
+  // The last compound always counts: it clears the line.
   if (--p.countdown > 0 && compounds_done < p.n) return;
   const ProgressClock::time_point now = ProgressClock::now();
   if (now - p.last_check < CHECK_GAP / 2) p.stride = std::min(p.stride * 2, MAX_STRIDE);
   else if (now - p.last_check > CHECK_GAP * 4) p.stride = std::max(p.stride / 2, 1);
   p.countdown = p.stride;
   p.last_check = now;
-  progress_update_at(p, threshold, compounds_done, fragments_so_far, now);
-}
-
-void progress_count_compound(Progress& p, const FragmentTable& table, int threshold, int compid) {
-  if (threshold != p.length) {
-    p.length = threshold;
-    p.fragments = 0;
-  }
-  const OccurrenceCount& range = table.csrcount[compid];
-  const std::vector<Occurrence>& list = table.csr[compid];
-  for (int i = range.offset; i < range.size; ++i) p.fragments += list[i].count;
-  progress_update(p, threshold, compid + 1, p.fragments);
+  progress_update_at(p, compounds_done, fragments_so_far, now);
 }
 
 void progress_finish(Progress& p) {

@@ -1,6 +1,7 @@
 // The progress line: while a long run works on a terminal, one line on
-// standard error that rewrites itself with the current length, the compounds
-// done, the fragments counted per second and the time left for the length.
+// standard error that rewrites itself with the lengths asked for, the
+// compounds done, the fragments counted per second and the time left. Every
+// length of a compound is counted in one go, so the line follows compounds.
 // Off (and silent) whenever standard error is not a terminal, so pipes, files
 // and CI logs see exactly the bytes of a run without it.
 #pragma once
@@ -10,8 +11,6 @@
 #include <cstdio>
 #include <string>
 
-#include "table/table.h"
-
 using ProgressClock = std::chrono::steady_clock;
 
 struct Progress {
@@ -20,11 +19,8 @@ struct Progress {
   std::size_t width = 79;       // characters the line may take without wrapping
   int n = 0, lmin = 0, lmax = 0;
   ProgressClock::time_point start;         // of the run; nothing shows for its first second
-  ProgressClock::time_point length_start;  // of the current length
   ProgressClock::time_point next_print;    // earliest moment of the next rewrite
   ProgressClock::time_point last_check;    // last reading of the clock
-  int length = -1;                  // the length being counted
-  long long fragments = 0;          // fragments found in this length so far
   int stride = 1, countdown = 1;    // compounds between readings of the clock
   std::size_t shown = 0;            // characters of the line now on screen, 0 for none
 };
@@ -37,28 +33,18 @@ void progress_start(Progress& p, int n_compounds, int lmin, int lmax);
 void progress_start_on(Progress& p, std::FILE* stream, std::size_t width, int n_compounds, int lmin, int lmax,
                        ProgressClock::time_point now);
 
-// After each compound: compounds_done of this length, fragments_so_far found
-// in it. Reads the clock only every few compounds and rewrites the line at
-// most five times a second, after the first second; clears the line when the
-// length is complete, so the driver's next line on standard output starts on
-// a clean line when both streams share a terminal.
-void progress_update(Progress& p, int threshold, int compounds_done, long long fragments_so_far);
+// After each compound: compounds_done so far, fragments_so_far found in
+// them. Reads the clock only every few compounds and rewrites the line at
+// most five times a second, after the first second; clears the line after
+// the last compound, so the driver's lines on standard output start on a
+// clean line when both streams share a terminal.
+void progress_update(Progress& p, int compounds_done, long long fragments_so_far);
 
 // The same at a given moment, always looking at the clock: for tests.
-void progress_update_at(Progress& p, int threshold, int compounds_done, long long fragments_so_far,
-                        ProgressClock::time_point now);
-
-// Called by the driver right after compound compid was enumerated (before
-// its occurrence list moves on to the next length): counts the compound's
-// fragment occurrences of this length and updates the line. One test when off.
-void progress_count_compound(Progress& p, const FragmentTable& table, int threshold, int compid);
-inline void progress_compound(Progress& p, const FragmentTable& table, int threshold, int compid) {
-  if (p.enabled) progress_count_compound(p, table, threshold, compid);
-}
+void progress_update_at(Progress& p, int compounds_done, long long fragments_so_far, ProgressClock::time_point now);
 
 // Clears the line if one is showing.
 void progress_finish(Progress& p);
 
 // The text of the line, without "\r" or padding.
-std::string progress_text(int threshold, int lmin, int lmax, int done, int n, double fragments_per_second,
-                          double seconds_left);
+std::string progress_text(int lmin, int lmax, int done, int n, double fragments_per_second, double seconds_left);

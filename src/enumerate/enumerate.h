@@ -3,7 +3,6 @@
 // counted in the fragment table.
 #pragma once
 
-#include "enumerate/fragment_memo.h"
 #include "graph/graph.h"
 #include "table/table.h"
 
@@ -11,8 +10,6 @@ struct FragmentContext {
   int threshold = 0;               // bonds per fragment
   int opt = 1;                     // 1 all acyclic, 2 trees (a vertex of degree > 2), 3 paths
   FragmentTable* table = nullptr;  // where labelled fragments are counted
-  bool memo = true;                // grow canonical forms step by step instead of labelling every set
-  FragmentMemo forms;              // the forms and growth steps met so far in the run
 };
 
 // Emits every subtree of `threshold` bonds of the compound once, in the
@@ -27,7 +24,7 @@ Graph build_fragment_graph(const EdgeSet& s, const Graph& compound);
 int bond_label(const EdgeSet& s, int i, const Graph& compound);
 
 // Builds, filters, labels and inserts one fragment, the way every set is
-// handled when ctx.memo is off (the reference the memo is tested against).
+// handled on the straightforward path.
 void emit_fragment(const EdgeSet& s, const Graph& compound, int compid, FragmentContext& ctx);
 
 // The fragment graph of a bond set into f; `vertices` receives the compound

@@ -24,11 +24,8 @@
 
 // One distinct canonical form met in the run.
 struct FragmentForm {
-  Graph graph;              // the canonical form, as labelling wrote it
-  bool stable = false;      // the same form for every numbering of the fragment
-  bool branching = false;   // some atom carries three or more of its bonds
-  int slot = -1;            // table slot during the length of its size
-  int slot_threshold = -1;  // the length `slot` was found in
+  Graph graph;          // the canonical form, as labelling wrote it
+  bool stable = false;  // the same form for every numbering of the fragment
 };
 
 // A fragment graph labelled before: its form and, for a stable form, where
@@ -42,10 +39,28 @@ struct LabelledGraph {
 // Fragments of up to this many atoms keep their moves inside the step.
 constexpr int INLINE_MOVES = 19;
 
+// Where a growth step leads: the grown form (-1: not stable, label the set
+// itself) and its moves: the new atom's position, then the grown form's
+// position of every position of the smaller form.
 struct GrowthStep {
-  std::uint64_t key = 0;  // 0 marks an empty bucket
-  std::int32_t form = 0;
+  std::int32_t form = -1;
   std::uint8_t moves[INLINE_MOVES + 1] = {};
+};
+
+// The growth steps out of one form: open addressing over (step key << 32 |
+// step index + 1), 0 for an empty bucket. A search tries every bond around
+// one set before moving on, so the lookups of one set stay within the few
+// cache lines of its form's table.
+struct StepIndex {
+  std::vector<std::uint64_t> bucket;
+  int used = 0;
+};
+
+// Where each form was last counted: the compound and the position of its
+// entry in that compound's list of the form's length.
+struct FormCount {
+  int compound = -1;
+  int position = 0;
 };
 
 struct FragmentMemo {
@@ -54,17 +69,21 @@ struct FragmentMemo {
   // Forms by canonical graph: open addressing on the form's key, -1 empty.
   std::vector<int> form_bucket;
 
-  // Growth steps: (form, position, bond label, new atom label), or for a
-  // first bond (lower atom label, higher atom label, bond label), to the
-  // grown form (-1: not stable, label the set itself) and its moves: the new
-  // atom's position, then the grown form's position of every position of the
-  // smaller form. One record per bucket, so a lookup touches one cache line.
+  // Per form, parallel to forms: what the search touches for every set.
+  std::vector<StepIndex> steps_from;
+  std::vector<char> branching;  // some atom carries three or more of its bonds
+  std::vector<FormCount> last;
+
+  // Growth steps: from a form, keyed by (position, bond label, new atom
+  // label); a first bond, keyed by (lower atom label, higher atom label,
+  // bond label), in first_bonds.
   std::vector<GrowthStep> step;
-  std::size_t steps = 0;
+  std::unordered_map<std::uint64_t, int> first_bonds;
 
   // The fragment vertex at each canonical position of labelled graphs.
   std::vector<std::uint8_t> orders;
 
   // Fragment graphs (vs, vl, e, el as bytes) already labelled.
   std::unordered_map<std::string, LabelledGraph> labelled;
+  std::size_t labelled_bytes = 0;
 };

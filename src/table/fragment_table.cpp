@@ -1,6 +1,7 @@
 // The fragment hash table with linear probing, and the per-compound lists of
 // fragments found with their counts.
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 
 #include "common/common.h"
@@ -9,6 +10,33 @@
 void create_table(FragmentTable& table) {
   table.hashg.assign(HASHTBL_SIZE, HashEntry{});
   release_stored(table);
+}
+
+void create_occupancy(SlotOccupancy& occupancy) {
+  occupancy.bits.assign((HASHTBL_SIZE + 63) / 64, 0);
+  occupancy.used = 0;
+}
+
+int claim_slot(SlotOccupancy& occupancy, std::uint32_t key) {
+  if (occupancy.used >= HASHTBL_SIZE) fatal_error("HASH TABLE FULL: INCREASE THE SIZE\n");
+  const int words = static_cast<int>(occupancy.bits.size());
+  const int home = home_slot(key);
+  int w = home / 64;
+  // Free slots of the home word at or after the home slot, then whole words.
+  std::uint64_t free = ~occupancy.bits[w] & (~std::uint64_t{0} << (home % 64));
+  while (true) {
+    // Bits past the last slot stay free in the mask; skip them by wrapping.
+    if (free != 0) {
+      const int slot = w * 64 + std::countr_zero(free);
+      if (slot < HASHTBL_SIZE) {
+        occupancy.bits[w] |= std::uint64_t{1} << (slot % 64);
+        ++occupancy.used;
+        return slot;
+      }
+    }
+    w = w + 1 == words ? 0 : w + 1;
+    free = ~occupancy.bits[w];
+  }
 }
 
 void release_stored(FragmentTable& table) {

@@ -52,6 +52,24 @@ struct FragmentTable {
 // Every slot empty.
 void create_table(FragmentTable& table);
 
+// Which of the HASHTBL_SIZE slots are taken, one bit each. When the caller
+// already knows which fragments are equal (the enumeration keeps one record
+// per distinct canonical form), a fragment's slot is decided by the taken
+// slots alone: probing from its home slot passes every taken slot, since
+// none of them holds this fragment, and stops at the first free one. So the
+// slot numbers come out as the full table gives them, without 6.1 million
+// slot records.
+struct SlotOccupancy {
+  std::vector<std::uint64_t> bits;
+  int used = 0;
+};
+
+void create_occupancy(SlotOccupancy& occupancy);
+
+// Takes the first free slot from home_slot(key) on, wrapping at the end;
+// ends the run with the full-table message when every slot is taken.
+int claim_slot(SlotOccupancy& occupancy, std::uint32_t key);
+
 // n empty lists with room for 100 entries each.
 void create_occurrence_lists(FragmentTable& table, int n);
 

@@ -153,3 +153,25 @@ TEST_F(FragmentTableTest, OccurrencesOfEarlierLengthsAreNotSearched) {
   EXPECT_EQ(t.csrcount[0].size, 2);
   EXPECT_EQ(find_occurrence(t, 0, 4), 1);
 }
+
+TEST(slot_occupancy, claims_the_slots_probing_from_the_home_slot_would_find) {
+  SlotOccupancy taken;
+  create_occupancy(taken);
+  EXPECT_EQ(claim_slot(taken, 5), 5);
+  EXPECT_EQ(claim_slot(taken, HASHTBL_SIZE + 5), 6);  // same home, next free
+  EXPECT_EQ(claim_slot(taken, 4), 4);
+  EXPECT_EQ(claim_slot(taken, 4), 7);  // passes 5 and 6
+  // Across a word boundary, and wrapping from the last slot to the first.
+  for (int k = 0; k < 70; ++k) EXPECT_EQ(claim_slot(taken, 100), 100 + k);
+  EXPECT_EQ(claim_slot(taken, HASHTBL_SIZE - 1), HASHTBL_SIZE - 1);
+  EXPECT_EQ(claim_slot(taken, HASHTBL_SIZE - 1), 0);
+  EXPECT_EQ(claim_slot(taken, HASHTBL_SIZE - 1), 1);
+  EXPECT_EQ(taken.used, 77);
+}
+
+TEST(slot_occupancy, a_full_table_ends_the_run_with_its_message) {
+  SlotOccupancy taken;
+  create_occupancy(taken);
+  for (int k = 0; k < HASHTBL_SIZE; ++k) ASSERT_EQ(claim_slot(taken, static_cast<std::uint32_t>(k)), k);
+  EXPECT_EXIT(claim_slot(taken, 12345), testing::ExitedWithCode(1), "");
+}

@@ -1,0 +1,95 @@
+// Counting the fragments of a run compound by compound, every length at once.
+//
+// The search with a larger threshold walks exactly the include/exclude tree
+// of a smaller one, only going further below the sets that reach the smaller
+// size; so its sets of each size come in the order the smaller search emits
+// them. One search per compound, down to the longest length asked for, thus
+// yields every length's fragments in the order the length-by-length run
+// meets them: for each compound and length, its distinct forms in order of
+// first occurrence with their counts. Numbering a length afterwards, compound
+// by compound in that order, issues ids, support and slots exactly as
+// inserting every fragment into the table one by one does.
+#pragma once
+
+#include <vector>
+
+#include "enumerate/fragment_memo.h"
+#include "enumerate/tree_freq.h"
+#include "graph/graph.h"
+#include "table/table.h"
+
+// Table state of each form once its length has been numbered.
+struct FormNumbers {
+  SlotOccupancy occupancy;
+  std::vector<int> slot;     // -1 until numbered
+  std::vector<int> id;       // the fragment id, -1 until numbered
+  std::vector<int> support;  // compounds holding the fragment
+};
+
+class FragmentCounter {
+ public:
+  // Lengths lmin..lmax (lengths below 1 hold nothing); opt is the fragment
+  // type code: 1 every fragment, 2 those with an atom of three or more of
+  // their bonds, 3 the others.
+  FragmentCounter(int lmin, int lmax, int opt);
+
+  // Appends the compound's entries for every length from lmin to lmax, in
+  // ascending length, each length's distinct forms in order of first
+  // occurrence in the compound; Occurrence::id holds the form index until
+  // number_length turns it into the fragment id.
+  void count_compound(const Graph& compound, int compid, std::vector<Occurrence>& entries);
+
+  // Numbers the forms of length `threshold`: walks every compound's entries
+  // of that length (from csrcount[c].offset, which it moves past them), gives
+  // each form met for the first time the next id (table.total) and the slot
+  // the table would store it in, counts support, and writes the ids into the
+  // entries. Returns the forms of the length in ascending slot order.
+  std::vector<int> number_length(FragmentTable& table, int threshold);
+
+  const FragmentForm& form(int f) const { return memo_.forms[f]; }
+  const FormNumbers& numbers() const { return numbers_; }
+  // Fragments found (occurrences counted) so far, for progress reports.
+  long long fragments() const { return fragments_; }
+
+ private:
+  void visit(int n);
+  void include(int n, int s);
+  void grow(int n, int a, int b, int label);
+  void record(int n);
+  int find_step(int form, std::uint32_t key) const;
+  void add_step(int form, std::uint32_t key, int grown, const std::uint8_t* moves, int nmoves);
+  int add_growth_step(int grown, const std::uint8_t* moves, int nmoves);
+  void label_exactly(int n, bool remember);
+  void label_graph(int n, int* child);
+  int find_or_add_form(Graph& g, bool stable);
+  int* row(int n) { return &at_[static_cast<std::size_t>(n) * width_]; }
+
+  int lmin_, lmax_, opt_;
+  FragmentMemo memo_;
+  FormNumbers numbers_;
+  long long fragments_ = 0;
+
+  // The compound being searched.
+  const Graph* g_ = nullptr;
+  int compid_ = 0;
+  int first_ = 1;     // shortest length counted
+  int maxdepth_ = 0;  // longest length searched
+  SlotTable t_;
+  std::vector<std::uint64_t> all_;       // every slot
+  std::vector<std::uint64_t> frontier_;  // per size: bonds with one end in the set
+  std::vector<std::uint64_t> excluded_;  // bonds decided against on this path
+  std::vector<std::uint64_t> saved_;     // per size: excluded_ when its set was reached
+  std::vector<char> marked_;             // atoms of the set
+  EdgeSet set_;                          // bonds of the set in order of choice
+  int width_ = 0;
+  std::vector<int> form_;    // form of the set of each size on the path
+  std::vector<char> grown_;  // its form is stable and its row of at_ is valid
+  std::vector<int> at_;      // per size: compound atom (0-based) at each canonical position
+  std::vector<std::vector<Occurrence>> by_length_;
+
+  // Scratch of exact labelling.
+  Graph fragment_;
+  std::vector<int> vertices_;
+  std::vector<int> key_;
+  std::string bytes_;
+};
