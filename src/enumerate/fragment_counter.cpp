@@ -15,8 +15,7 @@ namespace {
 // always labelled from their own graph.
 constexpr int MAX_GROWN_VERTICES = INLINE_MOVES;
 // Bound the memo's memory whatever the input: past these, lookups go on but
-// nothing new is remembered.
-constexpr std::size_t MAX_STEPS = std::size_t{1} << 25;
+// nothing new is remembered (see also MAX_POOL).
 constexpr std::size_t MAX_LABELLED_BYTES = std::size_t{1} << 28;
 
 std::uint64_t mix(std::uint64_t x) {
@@ -27,15 +26,27 @@ std::uint64_t mix(std::uint64_t x) {
   return x ^ (x >> 33);
 }
 
-std::size_t step_home(std::uint32_t key, std::size_t mask) {
-  return static_cast<std::size_t>((key * 0x9E3779B1u) >> 7) & mask;
+// Past this many buckets the pool takes no more steps.
+constexpr std::size_t MAX_POOL = std::size_t{1} << 23;
+
+std::size_t step_home(std::uint32_t key, std::uint32_t mask) { return ((key * 0x9E3779B1u) >> 11) & mask; }
+
+// A hash of the arrays that make a canonical form (the table's key is only
+// needed once per form, and costs a step per byte).
+std::uint64_t form_hash(const Graph& g) {
+  std::uint64_t h = static_cast<std::uint64_t>(g.vs) << 32 | static_cast<std::uint32_t>(g.es);
+  for (int i = 0; i < g.vs; ++i) h = (h ^ static_cast<std::uint32_t>(g.vl[i])) * 0x100000001b3ull;
+  for (int j = 0; j < g.es; ++j)
+    h = (h ^ (static_cast<std::uint64_t>(static_cast<std::uint32_t>(g.e[j])) << 32 | static_cast<std::uint32_t>(g.el[j]))) *
+        0x100000001b3ull;
+  return mix(h);
 }
 
-void place_step(StepIndex& index, std::uint64_t packed) {
-  const std::size_t mask = index.bucket.size() - 1;
-  std::size_t b = step_home(static_cast<std::uint32_t>(packed >> 32), mask);
-  while (index.bucket[b] != 0) b = (b + 1) & mask;
-  index.bucket[b] = packed;
+bool same_form(const Graph& a, const Graph& b) {
+  return a.vs == b.vs && a.es == b.es && std::equal(a.vl.begin(), a.vl.begin() + a.vs, b.vl.begin()) &&
+         std::equal(a.v.begin(), a.v.begin() + a.vs + 1, b.v.begin()) &&
+         std::equal(a.e.begin(), a.e.begin() + a.es, b.e.begin()) &&
+         std::equal(a.el.begin(), a.el.begin() + a.es, b.el.begin());
 }
 
 }  // namespace
@@ -44,22 +55,22 @@ FragmentCounter::FragmentCounter(int lmin, int lmax, int opt) : lmin_(lmin), lma
   create_occupancy(numbers_.occupancy);
 }
 
-int FragmentCounter::find_or_add_form(Graph& g, bool stable) {
+int FragmentCounter::find_or_add_form(const Graph& g, bool stable) {
   FragmentMemo& m = memo_;
   if (m.form_bucket.empty()) m.form_bucket.assign(1 << 12, -1);
   std::size_t mask = m.form_bucket.size() - 1;
-  std::size_t b = mix(g.key) & mask;
+  std::size_t b = form_hash(g) & mask;
   while (m.form_bucket[b] != -1) {
-    if (compare_graphs(m.forms[m.form_bucket[b]].graph, g) == 0) return m.form_bucket[b];
+    if (same_form(m.forms[m.form_bucket[b]].graph, g)) return m.form_bucket[b];
     b = (b + 1) & mask;
   }
   const int f = static_cast<int>(m.forms.size());
-  bool branching = false;
-  for (int i = 0; i < g.vs && !branching; ++i) branching = g.v[i + 1] - g.v[i] > 2;
-  m.forms.push_back(FragmentForm{g, stable});
-  m.steps_from.emplace_back();
-  m.branching.push_back(branching);
-  m.last.emplace_back();
+  FragmentForm form{g, stable};
+  form.graph.key = compute_key(form.graph);
+  FormHot hot;
+  for (int i = 0; i < g.vs && !hot.branching; ++i) hot.branching = g.v[i + 1] - g.v[i] > 2;
+  m.forms.push_back(std::move(form));
+  m.hot.push_back(hot);
   numbers_.slot.push_back(-1);
   numbers_.id.push_back(-1);
   numbers_.support.push_back(0);
@@ -68,7 +79,7 @@ int FragmentCounter::find_or_add_form(Graph& g, bool stable) {
     m.form_bucket.assign(2 * m.form_bucket.size(), -1);
     mask = m.form_bucket.size() - 1;
     for (int k = 0; k <= f; ++k) {
-      std::size_t c = mix(m.forms[k].graph.key) & mask;
+      std::size_t c = form_hash(m.forms[k].graph) & mask;
       while (m.form_bucket[c] != -1) c = (c + 1) & mask;
       m.form_bucket[c] = k;
     }
@@ -76,40 +87,47 @@ int FragmentCounter::find_or_add_form(Graph& g, bool stable) {
   return f;
 }
 
-int FragmentCounter::find_step(int form, std::uint32_t key) const {
-  const StepIndex& index = memo_.steps_from[form];
-  if (index.bucket.empty()) return -1;
-  const std::size_t mask = index.bucket.size() - 1;
-  for (std::size_t b = step_home(key, mask);; b = (b + 1) & mask) {
-    const std::uint64_t packed = index.bucket[b];
-    if (packed == 0) return -1;
-    if (static_cast<std::uint32_t>(packed >> 32) == key) return static_cast<int>(packed & 0xffffffffu) - 1;
+const GrowthStep* FragmentCounter::find_step(int form, std::uint32_t key) const {
+  const FormHot& hot = memo_.hot[form];
+  if (hot.steps < 0) return nullptr;
+  key |= STEP_USED;
+  const StepBucket* table = &memo_.pool[hot.steps];
+  for (std::size_t b = step_home(key, hot.mask);; b = (b + 1) & hot.mask) {
+    if (table[b].key == key) return &table[b].step;
+    if (table[b].key == 0) return nullptr;
   }
-}
-
-int FragmentCounter::add_growth_step(int grown, const std::uint8_t* moves, int nmoves) {
-  if (memo_.step.size() >= MAX_STEPS) return -1;
-  TAVRIX_CHECK(nmoves <= INLINE_MOVES + 1);
-  GrowthStep s;
-  s.form = grown;
-  std::copy(moves, moves + nmoves, s.moves);
-  memo_.step.push_back(s);
-  return static_cast<int>(memo_.step.size()) - 1;
 }
 
 void FragmentCounter::add_step(int form, std::uint32_t key, int grown, const std::uint8_t* moves, int nmoves) {
-  const int s = add_growth_step(grown, moves, nmoves);
-  if (s < 0) return;
-  StepIndex& index = memo_.steps_from[form];
-  if (2 * (index.used + 1) > static_cast<int>(index.bucket.size())) {
-    std::vector<std::uint64_t> old;
-    old.swap(index.bucket);
-    index.bucket.assign(old.empty() ? 8 : 2 * old.size(), 0);
-    for (std::uint64_t packed : old)
-      if (packed != 0) place_step(index, packed);
+  TAVRIX_CHECK(nmoves <= INLINE_MOVES + 1);
+  FragmentMemo& m = memo_;
+  FormHot& hot = m.hot[form];
+  if (hot.steps < 0 || 2 * (hot.used + 1) > hot.mask + 1) {
+    const std::uint32_t size = hot.steps < 0 ? 4 : 2 * (hot.mask + 1);
+    if (m.pool.size() + size > MAX_POOL) return;
+    const std::size_t start = m.pool.size();
+    m.pool.resize(start + size);
+    if (hot.steps >= 0) {
+      for (std::uint32_t k = 0; k <= hot.mask; ++k) {
+        const StepBucket moved = m.pool[hot.steps + k];
+        if (moved.key == 0) continue;
+        std::size_t b = step_home(moved.key, size - 1);
+        while (m.pool[start + b].key != 0) b = (b + 1) & (size - 1);
+        m.pool[start + b] = moved;
+      }
+    }
+    hot.steps = static_cast<std::int32_t>(start);
+    hot.mask = size - 1;
   }
-  place_step(index, static_cast<std::uint64_t>(key) << 32 | static_cast<std::uint32_t>(s + 1));
-  ++index.used;
+  key |= STEP_USED;
+  std::size_t b = step_home(key, hot.mask);
+  while (m.pool[hot.steps + b].key != 0) b = (b + 1) & hot.mask;
+  StepBucket& bucket = m.pool[hot.steps + b];
+  bucket.key = key;
+  bucket.step.form = grown;
+  std::copy(moves, moves + nmoves, bucket.step.moves);
+  ++hot.used;
+  ++m.steps;
 }
 
 void FragmentCounter::count_compound(const Graph& compound, int compid, std::vector<Occurrence>& entries) {
@@ -193,13 +211,13 @@ void FragmentCounter::include(int n, int s) {
 void FragmentCounter::record(int n) {
   const int f = form_[n];
   if (opt_ == 2 || opt_ == 3) {
-    if ((memo_.branching[f] != 0) != (opt_ == 2)) return;
+    if (memo_.hot[f].branching != (opt_ == 2)) return;
   } else if (opt_ != 1) {
     fatal_error("Option not valid\n");
   }
   ++fragments_;
   std::vector<Occurrence>& list = by_length_[n];
-  FormCount& last = memo_.last[f];
+  FormHot& last = memo_.hot[f];
   if (last.compound == compid_) {
     ++list[last.position].count;
   } else {
@@ -214,8 +232,6 @@ void FragmentCounter::record(int n) {
 void FragmentCounter::grow(int n, int a, int b, int label) {
   const Graph& g = *g_;
   int* child = row(n);
-  // The rows of the largest sets are never read: nothing grows from them.
-  const bool need_row = n < maxdepth_;
   if (n == 1) {
     // A first bond: its graph is fixed by the labels, lower atom first.
     const bool fits = g.vl[a] >= 0 && g.vl[a] < (1 << 16) && g.vl[b] >= 0 && g.vl[b] < (1 << 16) && label >= 0 &&
@@ -224,7 +240,7 @@ void FragmentCounter::grow(int n, int a, int b, int label) {
                               static_cast<std::uint64_t>(label);
     if (fits) {
       if (auto it = memo_.first_bonds.find(key); it != memo_.first_bonds.end()) {
-        const GrowthStep& s = memo_.step[it->second];
+        const GrowthStep& s = it->second;
         form_[1] = s.form;
         grown_[1] = 1;
         child[s.moves[0]] = a;
@@ -234,53 +250,106 @@ void FragmentCounter::grow(int n, int a, int b, int label) {
     }
     label_exactly(1, !fits);
     if (fits && grown_[1]) {
-      const std::uint8_t pos_a = child[0] == a ? 0 : 1;
-      const int s = add_growth_step(form_[1], &pos_a, 1);
-      if (s >= 0) memo_.first_bonds.emplace(key, s);
+      GrowthStep s;
+      s.form = form_[1];
+      s.moves[0] = child[0] == a ? 0 : 1;
+      memo_.first_bonds.emplace(key, s);
     }
     return;
   }
   const bool a_inside = marked_[a] != 0;
   const int inside = a_inside ? a : b, outside = a_inside ? b : a;
   const int* parent = row(n - 1);
-  std::uint32_t key = 0;
-  bool fits = grown_[n - 1] && n + 1 <= MAX_GROWN_VERTICES && g.vl[outside] >= 0 && g.vl[outside] < (1 << 16) &&
-              label >= 0 && label < (1 << 8);
-  if (fits) {
-    int pos = 0;
-    while (parent[pos] != inside) ++pos;
-    key = static_cast<std::uint32_t>(pos) << 24 | static_cast<std::uint32_t>(label) << 16 |
-          static_cast<std::uint32_t>(g.vl[outside]);
-    const int found = find_step(form_[n - 1], key);
-    if (found >= 0) {
-      const GrowthStep& s = memo_.step[found];
-      if (s.form >= 0) {
-        form_[n] = s.form;
-        grown_[n] = 1;
-        if (need_row) {
-          for (int k = 0; k < n; ++k) child[s.moves[1 + k]] = parent[k];
-          child[s.moves[0]] = outside;
-        }
-        return;
+  const bool fits = grown_[n - 1] && n + 1 <= MAX_GROWN_VERTICES && g.vl[outside] >= 0 &&
+                    g.vl[outside] < (1 << 16) && label >= 0 && label < (1 << 8);
+  if (!fits) {
+    // Off the grown path: remembered by the whole fragment graph.
+    label_exactly(n, true);
+    return;
+  }
+  int pos = 0;
+  while (parent[pos] != inside) ++pos;
+  const std::uint32_t key = static_cast<std::uint32_t>(pos) << 24 | static_cast<std::uint32_t>(label) << 16 |
+                            static_cast<std::uint32_t>(g.vl[outside]);
+  if (const GrowthStep* s = find_step(form_[n - 1], key)) {
+    if (s->form >= 0) {
+      form_[n] = s->form;
+      grown_[n] = 1;
+      // The rows of the largest sets are never read: nothing grows from them.
+      if (n < maxdepth_) {
+        for (int k = 0; k < n; ++k) child[s->moves[1 + k]] = parent[k];
+        child[s->moves[0]] = outside;
       }
-      fits = false;  // known not to be stable: label the set itself
+      return;
     }
+    label_exactly(n, true);  // known not to be stable: label the set itself
+    return;
   }
-  // A new step is remembered as a step; only sets off the grown path, or
-  // with forms that are not stable, are remembered by their whole graph.
-  label_exactly(n, !fits);
-  if (!fits) return;
-  std::uint8_t mv[MAX_GROWN_VERTICES + 1];
-  if (grown_[n]) {
-    for (int j = 0; j <= n; ++j) {
-      if (child[j] == outside) mv[0] = static_cast<std::uint8_t>(j);
-      for (int k = 0; k < n; ++k)
-        if (child[j] == parent[k]) mv[1 + k] = static_cast<std::uint8_t>(j);
-    }
-    add_step(form_[n - 1], key, form_[n], mv, n + 1);
+  std::uint8_t moves[MAX_GROWN_VERTICES + 1];
+  if (label_grown(n, pos, outside, label, moves)) {
+    add_step(form_[n - 1], key, form_[n], moves, n + 1);
   } else {
-    add_step(form_[n - 1], key, -1, mv, 0);
+    label_exactly(n, true);
+    add_step(form_[n - 1], key, -1, moves, 0);
   }
+}
+
+// A new step from a stable form: the grown set's graph is the smaller form
+// with the new atom joined at its position, read in the smaller form's
+// canonical numbering. A stable result does not depend on that numbering,
+// so it is the form of the set; false when the result is not stable.
+bool FragmentCounter::label_grown(int n, int pos, int outside, int label, std::uint8_t* moves) {
+  const Graph& parent_form = memo_.forms[form_[n - 1]].graph;
+  SmallGraph& sg = small_;
+  sg.n = n + 1;
+  for (int u = 0; u <= n; ++u) std::fill(sg.adj[u], sg.adj[u] + n + 1, 0);
+  for (int u = 0; u < n; ++u) {
+    sg.label[u] = parent_form.vl[u];
+    for (int j = parent_form.v[u]; j < parent_form.v[u + 1]; ++j) sg.adj[u][parent_form.e[j]] = parent_form.el[j] + 1;
+  }
+  sg.label[n] = g_->vl[outside];
+  sg.adj[pos][n] = sg.adj[n][pos] = label + 1;
+  int order[SMALL_GRAPH_VERTICES];
+  if (!canonical_order_fast(sg, order)) return false;
+
+  // The canonical arrays, written as labelling writes them.
+  Graph& c = canonical_;
+  c.vs = n + 1;
+  c.es = 2 * n;
+  c.vl.resize(c.vs);
+  c.v.resize(c.vs + 1);
+  c.e.resize(c.es);
+  c.el.resize(c.es);
+  int entries = 0;
+  c.v[0] = 0;
+  for (int a = 0; a <= n; ++a) {
+    c.vl[a] = sg.label[order[a]];
+    const int* adj = sg.adj[order[a]];
+    for (int b = 0; b <= n; ++b) {
+      const int code = adj[order[b]];
+      if (code != 0) {
+        c.e[entries] = b;
+        c.el[entries] = code - 1;
+        ++entries;
+      }
+    }
+    c.v[a + 1] = entries;
+  }
+  TAVRIX_CHECK(entries == c.es);
+  form_[n] = find_or_add_form(c, true);
+  grown_[n] = 1;
+  const int* parent = row(n - 1);
+  int* child = row(n);
+  for (int k = 0; k <= n; ++k) {
+    if (order[k] == n) {
+      child[k] = outside;
+      moves[0] = static_cast<std::uint8_t>(k);
+    } else {
+      child[k] = parent[order[k]];
+      moves[1 + order[k]] = static_cast<std::uint8_t>(k);
+    }
+  }
+  return true;
 }
 
 // The form of the set of n bonds from its own fragment graph: looked up by

@@ -13,6 +13,7 @@
 
 #include <vector>
 
+#include "canon/canon.h"
 #include "enumerate/fragment_memo.h"
 #include "enumerate/tree_freq.h"
 #include "graph/graph.h"
@@ -56,12 +57,12 @@ class FragmentCounter {
   void include(int n, int s);
   void grow(int n, int a, int b, int label);
   void record(int n);
-  int find_step(int form, std::uint32_t key) const;
+  const GrowthStep* find_step(int form, std::uint32_t key) const;
   void add_step(int form, std::uint32_t key, int grown, const std::uint8_t* moves, int nmoves);
-  int add_growth_step(int grown, const std::uint8_t* moves, int nmoves);
+  bool label_grown(int n, int pos, int outside, int label, std::uint8_t* moves);
   void label_exactly(int n, bool remember);
   void label_graph(int n, int* child);
-  int find_or_add_form(Graph& g, bool stable);
+  int find_or_add_form(const Graph& g, bool stable);
   int* row(int n) { return &at_[static_cast<std::size_t>(n) * width_]; }
 
   int lmin_, lmax_, opt_;
@@ -87,7 +88,9 @@ class FragmentCounter {
   std::vector<int> at_;      // per size: compound atom (0-based) at each canonical position
   std::vector<std::vector<Occurrence>> by_length_;
 
-  // Scratch of exact labelling.
+  // Scratch of labelling.
+  SmallGraph small_;
+  Graph canonical_;
   Graph fragment_;
   std::vector<int> vertices_;
   std::vector<int> key_;

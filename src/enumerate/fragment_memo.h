@@ -47,38 +47,44 @@ struct GrowthStep {
   std::uint8_t moves[INLINE_MOVES + 1] = {};
 };
 
-// The growth steps out of one form: open addressing over (step key << 32 |
-// step index + 1), 0 for an empty bucket. A search tries every bond around
-// one set before moving on, so the lookups of one set stay within the few
-// cache lines of its form's table.
-struct StepIndex {
-  std::vector<std::uint64_t> bucket;
-  int used = 0;
+// One bucket of a form's growth steps, keyed by (position, bond label, new
+// atom label) with STEP_USED set; a key of 0 marks an empty bucket. 32
+// bytes, so a lookup that hits its home bucket reads one cache line.
+constexpr std::uint32_t STEP_USED = 0x80000000u;
+struct StepBucket {
+  std::uint32_t key = 0;
+  GrowthStep step;
 };
 
-// Where each form was last counted: the compound and the position of its
-// entry in that compound's list of the form's length.
-struct FormCount {
+// What the search touches for every set, per form: where the form's steps
+// are (open addressing over buckets steps .. steps + mask of the pool) and
+// where the form was last counted (the compound, and the position of its
+// entry in that compound's list of the form's length).
+struct FormHot {
+  std::int32_t steps = -1;  // -1: no step out of this form yet
+  std::uint32_t mask = 0;
+  std::uint32_t used = 0;
   int compound = -1;
   int position = 0;
+  bool branching = false;  // some atom carries three or more of its bonds
 };
 
 struct FragmentMemo {
   std::vector<FragmentForm> forms;
+  std::vector<FormHot> hot;  // parallel to forms
 
-  // Forms by canonical graph: open addressing on the form's key, -1 empty.
+  // Forms by canonical graph: open addressing on a hash of its arrays, -1 empty.
   std::vector<int> form_bucket;
 
-  // Per form, parallel to forms: what the search touches for every set.
-  std::vector<StepIndex> steps_from;
-  std::vector<char> branching;  // some atom carries three or more of its bonds
-  std::vector<FormCount> last;
+  // Every form's step buckets; a form whose table fills up moves to a table
+  // twice the size at the end. A search tries every bond around one set
+  // before moving on, so its lookups stay within its form's few buckets.
+  std::vector<StepBucket> pool;
+  std::size_t steps = 0;
 
-  // Growth steps: from a form, keyed by (position, bond label, new atom
-  // label); a first bond, keyed by (lower atom label, higher atom label,
-  // bond label), in first_bonds.
-  std::vector<GrowthStep> step;
-  std::unordered_map<std::uint64_t, int> first_bonds;
+  // Steps of a first bond, keyed by (lower atom label, higher atom label,
+  // bond label).
+  std::unordered_map<std::uint64_t, GrowthStep> first_bonds;
 
   // The fragment vertex at each canonical position of labelled graphs.
   std::vector<std::uint8_t> orders;
