@@ -24,6 +24,41 @@ void put_int(int value, int width) {
   record.append(digits, n);
 }
 
+// The bytes of printf's "%3d" for 0..999, the common case of atom numbers
+// and bond types.
+void put_int3(int value) {
+  if (value < 0 || value > 999) {
+    put_int(value, 3);
+    return;
+  }
+  char field[3] = {' ', ' ', static_cast<char>('0' + value % 10)};
+  if (value >= 10) field[1] = static_cast<char>('0' + value / 10 % 10);
+  if (value >= 100) field[0] = static_cast<char>('0' + value / 100);
+  record.append(field, 3);
+}
+
+// The atom line of each label, made at its first use: most records repeat a
+// handful of labels. An entry remembers its label, so a later dictionary with
+// other labels at the same numbers gets fresh lines.
+struct AtomLine {
+  std::string label;
+  std::string line;
+};
+std::vector<AtomLine> sd_atom_lines;
+
+const std::string& sd_atom_line(const LabelDictionary& dict, int label_index) {
+  const std::string& label = array_item(dict.vertex_labels, label_index);
+  if (static_cast<std::size_t>(label_index) >= sd_atom_lines.size()) sd_atom_lines.resize(label_index + 1);
+  AtomLine& entry = sd_atom_lines[label_index];
+  if (entry.line.empty() || entry.label != label) {
+    entry.label = label;
+    // The symbol fills a field of three columns.
+    entry.line = "    0.0000    0.0000    0.0000 " + label + (label.size() == 1 ? "  " : label.size() == 2 ? " " : "") +
+                 " 0  0  0  0  0  0  0\n";
+  }
+  return entry.line;
+}
+
 // Calls write_bond(lower, higher, label) for every bond from its
 // lower-numbered atom, in adjacency order, after checking that both
 // directions of the bond carry the same label. On a mismatch the record
@@ -65,19 +100,12 @@ void write_sd_fragment(const HashEntry& slot, const Graph& g, const LabelDiction
   put_int(g.vs, 3);
   put_int(g.es / 2, 3);
   put("  0  0  0  0  0  0  0  0  0\n");
-  for (int i = 0; i < g.vs; ++i) {
-    const std::string& label = array_item(dict.vertex_labels, g.vl[i]);
-    put("    0.0000    0.0000    0.0000 ");
-    // The symbol fills a field of three columns.
-    put(label);
-    put(label.size() == 1 ? "  " : label.size() == 2 ? " " : "");
-    put(" 0  0  0  0  0  0  0\n");
-  }
+  for (int i = 0; i < g.vs; ++i) put(sd_atom_line(dict, g.vl[i]));
   for_each_bond(g, out, [&](int a, int b, int el) {
-    put_int(a + 1, 3);
-    put_int(b + 1, 3);
+    put_int3(a + 1);
+    put_int3(b + 1);
     const int type = sd_bond_type(array_item(dict.edge_labels, el));
-    if (type != 0) put_int(type, 3);
+    if (type != 0) put_int3(type);
     put("  0  0  0  0\n");
   });
   put("M  END\n$$$$\n");
