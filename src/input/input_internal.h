@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,14 +31,41 @@ constexpr int MAX_MOL2_BONDS = 1000;
 // ample room for both while still catching a field that is clearly not a type.
 constexpr std::size_t MAX_BASIC_TYPE_LENGTH = 15;
 
+// How much of the file a line source reads at a time. Large enough that a
+// line rarely straddles two reads, small enough that memory stays flat
+// whatever the size of the file.
+constexpr std::size_t INPUT_CHUNK_SIZE = 1 << 20;
+
 // Reads one pass's lines. A carriage return right before the line feed (or at
 // the end of the file) is dropped, so CRLF files read exactly like LF files,
 // line length limit included. A line is seen up to its first NUL byte, as a
 // C string would be, so binary data never reaches past what the passes agree on.
-struct InputLines {
-  std::FILE* stream = nullptr;
-  std::vector<char> buffer = std::vector<char>(LINE_BUFFER_SIZE);
+//
+// The file is read in chunks; a line that lies within the chunk is handed out
+// where it lies, one that straddles a refill is gathered in the line buffer.
+// Each pass owns its source and nothing else reads its stream, so the bytes
+// read ahead are wanted by no one else. The sizes are parameters so that tests
+// can make lines straddle refills and reach the length limit while short.
+class InputLines {
+ public:
+  explicit InputLines(std::FILE* stream, std::size_t chunk_size = INPUT_CHUNK_SIZE,
+                      std::size_t line_buffer_size = LINE_BUFFER_SIZE);
+
   std::string_view line;  // the current line, its line feed included when it has one
+
+ private:
+  friend bool next_line(InputLines& in);
+  bool refill();
+  int get();
+  bool gather_line();
+
+  std::FILE* stream_;
+  std::size_t chunk_size_;
+  std::size_t line_limit_;  // bytes a line holds at most
+  std::unique_ptr<char[]> chunk_;
+  std::size_t pos_ = 0, end_ = 0;  // the unread part of the chunk
+  bool at_eof_ = false;
+  std::unique_ptr<char[]> gathered_;  // the line buffer, made for the first straddling line
 };
 
 // False at end of file (line then empty).

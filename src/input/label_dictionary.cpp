@@ -2,35 +2,89 @@
 // list of the dictionary pass, the dictionary file and its loader.
 #include "input/input_internal.h"
 
+#include <algorithm>
 #include <cstring>
 
-bool next_line(InputLines& in) {
-  char* buf = in.buffer.data();
+InputLines::InputLines(std::FILE* stream, std::size_t chunk_size, std::size_t line_buffer_size)
+    : stream_(stream), chunk_size_(chunk_size), line_limit_(line_buffer_size - 1), chunk_(new char[chunk_size]) {
+  TAVRIX_CHECK(chunk_size >= 1 && line_buffer_size >= 2);
+}
+
+bool InputLines::refill() {
+  if (at_eof_) return false;
+  pos_ = 0;
+  end_ = std::fread(chunk_.get(), 1, chunk_size_, stream_);
+  // fread only comes back short at the end of the file (or on an error,
+  // which reads as its end), so the next refill need not ask again.
+  at_eof_ = end_ < chunk_size_;
+  return end_ > 0;
+}
+
+int InputLines::get() {
+  if (pos_ == end_ && !refill()) return EOF;
+  return static_cast<unsigned char>(chunk_[pos_++]);
+}
+
+// The byte-at-a-time reading that defines a line; every shortcut in
+// next_line must agree with it.
+bool InputLines::gather_line() {
+  if (!gathered_) gathered_.reset(new char[line_limit_]);
+  char* buf = gathered_.get();
   std::size_t n = 0;
-  while (n < LINE_BUFFER_SIZE - 1) {
-    int c = std::getc(in.stream);
+  while (n < line_limit_) {
+    int c = get();
     if (c == EOF) break;
     if (c == '\r') {
       // Drop it when it ends the line, so "\r\n" takes the place of "\n" and
       // the line fills the buffer exactly as its LF twin would.
-      int after = std::getc(in.stream);
+      int after = get();
       if (after == EOF) break;
       if (after == '\n') {
         buf[n++] = '\n';
         break;
       }
-      std::ungetc(after, in.stream);
+      --pos_;  // get() just read it from the chunk, so it is still there
     }
     buf[n++] = static_cast<char>(c);
     if (c == '\n') break;
   }
-  if (n == 0) {
+  line = std::string_view(buf, n);
+  return n > 0;
+}
+
+bool next_line(InputLines& in) {
+  if (in.pos_ == in.end_) in.refill();
+  // A line that ends within the chunk, or that reaches the length limit
+  // within it, is taken where it lies. The limit counts a "\r\n" pair as one
+  // byte, so up to line_limit_ + 1 bytes are looked at.
+  char* start = in.chunk_.get() + in.pos_;
+  const std::size_t limit = in.line_limit_;
+  const std::size_t look = std::min(in.end_ - in.pos_, limit + 1);
+  char* feed = static_cast<char*>(std::memchr(start, '\n', look));
+  std::size_t take = 0, length = 0;  // bytes consumed, bytes of the line
+  if (feed != nullptr) {
+    take = feed - start + 1;
+    if (take >= 2 && feed[-1] == '\r') {
+      feed[-1] = '\n';
+      length = take - 1;
+    } else {
+      // Without the pair, a feed just past the limit starts the next line.
+      take = length = std::min(take, limit);
+    }
+  } else if (look > limit) {
+    // No feed among limit + 1 bytes: the line is cut at the limit, and a
+    // carriage return in its last place is not followed by a feed.
+    take = length = limit;
+  }
+  if (length > 0) {
+    in.pos_ += take;
+    in.line = std::string_view(start, length);
+  } else if (!in.gather_line()) {  // the line runs to the end of the chunk
     in.line = {};
     return false;
   }
-  const void* nul = std::memchr(buf, '\0', n);
-  if (nul != nullptr) n = static_cast<const char*>(nul) - buf;
-  in.line = std::string_view(buf, n);
+  const void* nul = std::memchr(in.line.data(), '\0', in.line.size());
+  if (nul != nullptr) in.line = in.line.substr(0, static_cast<const char*>(nul) - in.line.data());
   return true;
 }
 

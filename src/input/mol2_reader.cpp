@@ -36,6 +36,7 @@ struct Mol2Head {
 
 // One pass's position in the file: the current line, or the end.
 struct Mol2Cursor {
+  explicit Mol2Cursor(std::FILE* stream) : in(stream) {}
   InputLines in;
   bool at_end = false;
   void advance() { at_end = !next_line(in); }
@@ -134,8 +135,7 @@ const char* mol2_bond_label(const std::string& type) {
 DictionaryScan scan_mol2_labels(const RunSettings& settings, const std::string& dict_name) {
   FilePtr dict = create_dictionary_file(dict_name, true);
   FilePtr file = open_file(settings.infile, "r");
-  Mol2Cursor c;
-  c.in.stream = file.get();
+  Mol2Cursor c(file.get());
   c.advance();
   TokenArray tokens;
   LabelCollector labels;
@@ -163,8 +163,7 @@ DictionaryScan scan_mol2_labels(const RunSettings& settings, const std::string& 
 std::vector<Graph> allocate_mol2_graphs(const RunSettings& settings, int n) {
   std::vector<Graph> compounds(n);
   FilePtr file = open_file(settings.infile, "r");
-  Mol2Cursor c;
-  c.in.stream = file.get();
+  Mol2Cursor c(file.get());
   c.advance();
   TokenArray tokens;
   for (int i = 0; i < n; ++i) {
@@ -201,8 +200,7 @@ std::vector<Graph> allocate_mol2_graphs(const RunSettings& settings, int n) {
 void read_mol2_graphs(const RunSettings& settings, FilePtr stream, std::vector<Graph>& compounds,
                       std::vector<std::string>& compound_names, const LabelDictionary& dict,
                       const DictionaryScan& scan, int& n_out) {
-  Mol2Cursor c;
-  c.in.stream = stream.get();
+  Mol2Cursor c(stream.get());
   c.advance();
   TokenArray tokens;
   struct Mol2Bond {

@@ -88,8 +88,7 @@ struct SdBond {
 DictionaryScan scan_sd_labels(const RunSettings& settings, const std::string& dict_name) {
   FilePtr dict = create_dictionary_file(dict_name, false);
   FilePtr file = open_file(settings.infile, "r");
-  InputLines in;
-  in.stream = file.get();
+  InputLines in(file.get());
   TokenArray tokens;
   LabelCollector labels;
   labels.dict = dict.get();
@@ -123,8 +122,7 @@ DictionaryScan scan_sd_labels(const RunSettings& settings, const std::string& di
 std::vector<Graph> allocate_sd_graphs(const RunSettings& settings, int n) {
   std::vector<Graph> compounds(n);
   FilePtr file = open_file(settings.infile, "r");
-  InputLines in;
-  in.stream = file.get();
+  InputLines in(file.get());
   TokenArray tokens;
   SdHeader h;
   // Both counts have three digits at most, so the arrays stay small whatever the file says.
@@ -143,8 +141,7 @@ std::vector<Graph> allocate_sd_graphs(const RunSettings& settings, int n) {
 void read_sd_graphs(const RunSettings& settings, FilePtr stream, std::vector<Graph>& compounds,
                     std::vector<std::string>& compound_names, const LabelDictionary& dict,
                     const DictionaryScan& scan, int& n_out) {
-  InputLines in;
-  in.stream = stream.get();
+  InputLines in(stream.get());
   TokenArray tokens;
   SdHeader h;
   std::vector<SdBond> bonds;
