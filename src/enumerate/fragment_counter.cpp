@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstring>
 
 #include "canon/canon.h"
 #include "common/common.h"
@@ -11,9 +12,6 @@
 
 namespace {
 
-// Positions are kept in bytes inside the growth steps; larger fragments are
-// always labelled from their own graph.
-constexpr int MAX_GROWN_VERTICES = INLINE_MOVES;
 // Bound the memo's memory whatever the input: past these, lookups go on but
 // nothing new is remembered (see also MAX_POOL).
 constexpr std::size_t MAX_LABELLED_BYTES = std::size_t{1} << 28;
@@ -68,6 +66,7 @@ int FragmentCounter::find_or_add_form(const Graph& g, bool stable) {
   FragmentForm form{g, stable};
   form.graph.key = compute_key(form.graph);
   FormHot hot;
+  hot.bonds = static_cast<std::uint16_t>(std::min(g.es / 2, 65535));
   for (int i = 0; i < g.vs && !hot.branching; ++i) hot.branching = g.v[i + 1] - g.v[i] > 2;
   m.forms.push_back(std::move(form));
   m.hot.push_back(hot);
@@ -87,34 +86,52 @@ int FragmentCounter::find_or_add_form(const Graph& g, bool stable) {
   return f;
 }
 
-const GrowthStep* FragmentCounter::find_step(int form, std::uint32_t key) const {
+const StepBucket* FragmentCounter::find_step(int form, std::uint32_t key) const {
   const FormHot& hot = memo_.hot[form];
   if (hot.steps < 0) return nullptr;
   key |= STEP_USED;
   const StepBucket* table = &memo_.pool[hot.steps];
   for (std::size_t b = step_home(key, hot.mask);; b = (b + 1) & hot.mask) {
-    if (table[b].key == key) return &table[b].step;
+    if (table[b].key == key) return &table[b];
     if (table[b].key == 0) return nullptr;
   }
 }
 
+const std::uint8_t* FragmentCounter::moves_of(const StepBucket& s, int atoms) const {
+  if (atoms <= INLINE_MOVES) return s.moves;
+  std::uint32_t at;
+  std::memcpy(&at, s.moves, sizeof at);
+  return &memo_.long_moves[at];
+}
+
 void FragmentCounter::add_step(int form, std::uint32_t key, int grown, const std::uint8_t* moves, int nmoves) {
-  TAVRIX_CHECK(nmoves <= INLINE_MOVES + 1);
+  TAVRIX_CHECK(nmoves <= MAX_GROWN_VERTICES);
   FragmentMemo& m = memo_;
   FormHot& hot = m.hot[form];
-  if (hot.steps < 0 || 2 * (hot.used + 1) > hot.mask + 1) {
+  // Tables stay at most three quarters full.
+  if (hot.steps < 0 || 4 * (hot.used + 1) > 3 * (hot.mask + 1)) {
     const std::uint32_t size = hot.steps < 0 ? 4 : 2 * (hot.mask + 1);
-    if (m.pool.size() + size > MAX_POOL) return;
-    const std::size_t start = m.pool.size();
-    m.pool.resize(start + size);
+    const int size_class = std::countr_zero(size);
+    if (static_cast<int>(m.free_tables.size()) <= size_class) m.free_tables.resize(size_class + 1);
+    std::size_t start;
+    if (!m.free_tables[size_class].empty()) {
+      start = m.free_tables[size_class].back();
+      m.free_tables[size_class].pop_back();
+    } else {
+      if (m.pool.size() + size > MAX_POOL) return;
+      start = m.pool.size();
+      m.pool.resize(start + size);
+    }
     if (hot.steps >= 0) {
       for (std::uint32_t k = 0; k <= hot.mask; ++k) {
-        const StepBucket moved = m.pool[hot.steps + k];
+        StepBucket& moved = m.pool[hot.steps + k];
         if (moved.key == 0) continue;
         std::size_t b = step_home(moved.key, size - 1);
         while (m.pool[start + b].key != 0) b = (b + 1) & (size - 1);
         m.pool[start + b] = moved;
+        moved = StepBucket{};
       }
+      m.free_tables[std::countr_zero(hot.mask + 1)].push_back(static_cast<std::uint32_t>(hot.steps));
     }
     hot.steps = static_cast<std::int32_t>(start);
     hot.mask = size - 1;
@@ -124,8 +141,14 @@ void FragmentCounter::add_step(int form, std::uint32_t key, int grown, const std
   while (m.pool[hot.steps + b].key != 0) b = (b + 1) & hot.mask;
   StepBucket& bucket = m.pool[hot.steps + b];
   bucket.key = key;
-  bucket.step.form = grown;
-  std::copy(moves, moves + nmoves, bucket.step.moves);
+  bucket.form = grown;
+  if (nmoves <= INLINE_MOVES) {
+    std::copy(moves, moves + nmoves, bucket.moves);
+  } else {
+    const auto at = static_cast<std::uint32_t>(m.long_moves.size());
+    m.long_moves.insert(m.long_moves.end(), moves, moves + nmoves);
+    std::memcpy(bucket.moves, &at, sizeof at);
+  }
   ++hot.used;
   ++m.steps;
 }
@@ -240,7 +263,7 @@ void FragmentCounter::grow(int n, int a, int b, int label) {
                               static_cast<std::uint64_t>(label);
     if (fits) {
       if (auto it = memo_.first_bonds.find(key); it != memo_.first_bonds.end()) {
-        const GrowthStep& s = it->second;
+        const StepBucket& s = it->second;
         form_[1] = s.form;
         grown_[1] = 1;
         child[s.moves[0]] = a;
@@ -250,7 +273,7 @@ void FragmentCounter::grow(int n, int a, int b, int label) {
     }
     label_exactly(1, !fits);
     if (fits && grown_[1]) {
-      GrowthStep s;
+      StepBucket s;
       s.form = form_[1];
       s.moves[0] = child[0] == a ? 0 : 1;
       memo_.first_bonds.emplace(key, s);
@@ -271,14 +294,15 @@ void FragmentCounter::grow(int n, int a, int b, int label) {
   while (parent[pos] != inside) ++pos;
   const std::uint32_t key = static_cast<std::uint32_t>(pos) << 24 | static_cast<std::uint32_t>(label) << 16 |
                             static_cast<std::uint32_t>(g.vl[outside]);
-  if (const GrowthStep* s = find_step(form_[n - 1], key)) {
+  if (const StepBucket* s = find_step(form_[n - 1], key)) {
     if (s->form >= 0) {
       form_[n] = s->form;
       grown_[n] = 1;
       // The rows of the largest sets are never read: nothing grows from them.
       if (n < maxdepth_) {
-        for (int k = 0; k < n; ++k) child[s->moves[1 + k]] = parent[k];
-        child[s->moves[0]] = outside;
+        const std::uint8_t* moves = moves_of(*s, n + 1);
+        for (int k = 0; k < n; ++k) child[moves[1 + k]] = parent[k];
+        child[moves[0]] = outside;
       }
       return;
     }
@@ -404,7 +428,8 @@ std::vector<int> FragmentCounter::number_length(FragmentTable& table, int thresh
     const int size = table.csrcount[c].size;
     for (; p < size; ++p) {
       const int f = list[p].id;
-      if (memo_.forms[f].graph.vs != threshold + 1) break;
+      const int bonds = memo_.hot[f].bonds;
+      if (bonds < 65535 ? bonds != threshold : memo_.forms[f].graph.vs != threshold + 1) break;
       // A compound lists a form at most once per length: every entry is a
       // first occurrence in its compound.
       if (numbers_.id[f] < 0) {

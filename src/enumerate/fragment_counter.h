@@ -57,7 +57,8 @@ class FragmentCounter {
   void include(int n, int s);
   void grow(int n, int a, int b, int label);
   void record(int n);
-  const GrowthStep* find_step(int form, std::uint32_t key) const;
+  const StepBucket* find_step(int form, std::uint32_t key) const;
+  const std::uint8_t* moves_of(const StepBucket& s, int atoms) const;
   void add_step(int form, std::uint32_t key, int grown, const std::uint8_t* moves, int nmoves);
   bool label_grown(int n, int pos, int outside, int label, std::uint8_t* moves);
   void label_exactly(int n, bool remember);

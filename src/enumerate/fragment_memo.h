@@ -36,24 +36,23 @@ struct LabelledGraph {
   int order = -1;
 };
 
-// Fragments of up to this many atoms keep their moves inside the step.
-constexpr int INLINE_MOVES = 19;
+// Sets of up to this many atoms grow along the search path; positions are
+// kept in bytes, and the step key holds a position in five bits.
+constexpr int MAX_GROWN_VERTICES = 19;
+// Grown forms of up to this many atoms keep their moves inside the bucket;
+// larger ones keep them in FragmentMemo::long_moves.
+constexpr int INLINE_MOVES = 8;
 
-// Where a growth step leads: the grown form (-1: not stable, label the set
-// itself) and its moves: the new atom's position, then the grown form's
-// position of every position of the smaller form.
-struct GrowthStep {
-  std::int32_t form = -1;
-  std::uint8_t moves[INLINE_MOVES + 1] = {};
-};
-
-// One bucket of a form's growth steps, keyed by (position, bond label, new
-// atom label) with STEP_USED set; a key of 0 marks an empty bucket. 32
-// bytes, so a lookup that hits its home bucket reads one cache line.
+// One growth step out of a form, keyed by (position, bond label, new atom
+// label) with STEP_USED set; a key of 0 marks an empty bucket. It leads to
+// the grown form (-1: not stable, label the set itself) and its moves: the
+// new atom's position, then the grown form's position of every position of
+// the smaller form. 16 bytes, so four share a cache line.
 constexpr std::uint32_t STEP_USED = 0x80000000u;
-struct StepBucket {
+struct alignas(16) StepBucket {
   std::uint32_t key = 0;
-  GrowthStep step;
+  std::int32_t form = -1;
+  std::uint8_t moves[INLINE_MOVES] = {};  // or the offset into long_moves
 };
 
 // What the search touches for every set, per form: where the form's steps
@@ -66,7 +65,8 @@ struct FormHot {
   std::uint32_t used = 0;
   int compound = -1;
   int position = 0;
-  bool branching = false;  // some atom carries three or more of its bonds
+  std::uint16_t bonds = 0;  // the form's length, saturated
+  bool branching = false;   // some atom carries three or more of its bonds
 };
 
 struct FragmentMemo {
@@ -77,14 +77,17 @@ struct FragmentMemo {
   std::vector<int> form_bucket;
 
   // Every form's step buckets; a form whose table fills up moves to a table
-  // twice the size at the end. A search tries every bond around one set
-  // before moving on, so its lookups stay within its form's few buckets.
+  // twice the size, and the tables it leaves are reused (free_tables, by
+  // log2 of their size). A search tries every bond around one set before
+  // moving on, so its lookups stay within its form's few buckets.
   std::vector<StepBucket> pool;
+  std::vector<std::vector<std::uint32_t>> free_tables;
+  std::vector<std::uint8_t> long_moves;
   std::size_t steps = 0;
 
   // Steps of a first bond, keyed by (lower atom label, higher atom label,
   // bond label).
-  std::unordered_map<std::uint64_t, GrowthStep> first_bonds;
+  std::unordered_map<std::uint64_t, StepBucket> first_bonds;
 
   // The fragment vertex at each canonical position of labelled graphs.
   std::vector<std::uint8_t> orders;
