@@ -93,6 +93,11 @@ struct TokenArray {
 // MAX_TOKENS or more tokens ends the run with the tokeniser's message pair.
 void tokenize_line(std::string_view line, TokenArray& tokens);
 
+// For a line whose tokens a pass does not need: ends the run as
+// tokenize_line would when the line holds too many tokens, and otherwise
+// leaves the token array alone.
+void check_token_limit(std::string_view line, TokenArray& tokens);
+
 // The first space-separated token of the line is "$$$$"; the same test the
 // tokeniser makes, without its limits, for lines a pass does not tokenise.
 bool first_token_is_record_end(std::string_view line);

@@ -139,12 +139,20 @@ void tokenize_line(std::string_view line, TokenArray& tokens) {
   tokens.count = count;
 }
 
+void check_token_limit(std::string_view line, TokenArray& tokens) {
+  // MAX_TOKENS tokens and the spaces between them take 2 * MAX_TOKENS - 1
+  // bytes; shorter lines cannot reach the limit and need no splitting.
+  if (line.size() >= 2 * static_cast<std::size_t>(MAX_TOKENS) - 1) tokenize_line(line, tokens);
+}
+
 bool first_token_is_record_end(std::string_view line) {
-  std::string_view text = line.substr(0, line.find('\n'));
-  std::size_t first = text.find_first_not_of(' ');
-  if (line.size() < 2 || first == std::string_view::npos) return false;
-  text.remove_prefix(first);
-  return text.substr(0, text.find(' ')) == "$$$$";
+  std::size_t first = 0;
+  while (first < line.size() && line[first] == ' ') ++first;
+  // The token ends at a space, the line feed (which ends what is split) or
+  // the end of the line.
+  if (line.substr(first, 4) != "$$$$") return false;
+  std::size_t after = first + 4;
+  return after == line.size() || line[after] == ' ' || line[after] == '\n';
 }
 
 int note_atom_label(std::string_view label, int known, std::vector<std::string>& atom_label_list) {

@@ -173,10 +173,10 @@ std::vector<Graph> allocate_mol2_graphs(const RunSettings& settings, int n) {
     int bond_lines = 0;
     if (h.end == HeadEnd::complete) {
       bool bond_marker = false;
-      while (next_atom_line(c, bond_marker)) tokenize_line(c.in.line, tokens);
+      while (next_atom_line(c, bond_marker)) check_token_limit(c.in.line, tokens);
       if (bond_marker) {
         for (c.advance(); !c.at_end && !ends_bond_section(c.in.line); c.advance()) {
-          tokenize_line(c.in.line, tokens);
+          check_token_limit(c.in.line, tokens);
           ++bond_lines;
         }
       }

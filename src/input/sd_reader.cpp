@@ -61,11 +61,12 @@ std::string sd_name(const SdHeader& h, int index) {
 }
 
 // Passes over the lines up to and including the first whose first token is
-// "$$$$", or to the end of the file.
+// "$$$$", or to the end of the file. Every line passed over is still held to
+// the tokeniser's limit.
 void skip_to_record_end(InputLines& in, TokenArray& tokens) {
   while (next_line(in)) {
-    tokenize_line(in.line, tokens);
-    if (tokens.slot[0] == "$$$$") return;
+    check_token_limit(in.line, tokens);
+    if (first_token_is_record_end(in.line)) return;
   }
 }
 
