@@ -26,7 +26,7 @@ void issue_descriptors(const FragmentCounter& counter, const std::vector<int>& f
     if (numbers.support[f] < settings.fmin) continue;
     idmap[numbers.id[f]] = ++k;
     const HashEntry slot{1, numbers.support[f], numbers.id[f], -1};
-    const Graph& g = counter.form(f).graph;
+    const GraphView g = counter.form(f);
     if (settings.mol2input) write_mol2_fragment(slot, g, dict, structure);
     else write_sd_fragment(slot, g, dict, structure);
   }

@@ -31,7 +31,7 @@ std::size_t step_home(std::uint32_t key, std::uint32_t mask) { return ((key * 0x
 
 // A hash of the arrays that make a canonical form (the table's key is only
 // needed once per form, and costs a step per byte).
-std::uint64_t form_hash(const Graph& g) {
+std::uint64_t form_hash(const GraphView& g) {
   std::uint64_t h = static_cast<std::uint64_t>(g.vs) << 32 | static_cast<std::uint32_t>(g.es);
   for (int i = 0; i < g.vs; ++i) h = (h ^ static_cast<std::uint32_t>(g.vl[i])) * 0x100000001b3ull;
   for (int j = 0; j < g.es; ++j)
@@ -40,11 +40,9 @@ std::uint64_t form_hash(const Graph& g) {
   return mix(h);
 }
 
-bool same_form(const Graph& a, const Graph& b) {
-  return a.vs == b.vs && a.es == b.es && std::equal(a.vl.begin(), a.vl.begin() + a.vs, b.vl.begin()) &&
-         std::equal(a.v.begin(), a.v.begin() + a.vs + 1, b.v.begin()) &&
-         std::equal(a.e.begin(), a.e.begin() + a.es, b.e.begin()) &&
-         std::equal(a.el.begin(), a.el.begin() + a.es, b.el.begin());
+bool same_form(const GraphView& a, const GraphView& b) {
+  return a.vs == b.vs && a.es == b.es && std::equal(a.vl, a.vl + a.vs, b.vl) && std::equal(a.v, a.v + a.vs + 1, b.v) &&
+         std::equal(a.e, a.e + a.es, b.e) && std::equal(a.el, a.el + a.es, b.el);
 }
 
 }  // namespace
@@ -53,34 +51,51 @@ FragmentCounter::FragmentCounter(int lmin, int lmax, int opt) : lmin_(lmin), lma
   create_occupancy(numbers_.occupancy);
 }
 
-int FragmentCounter::find_or_add_form(const Graph& g, bool stable) {
+GraphView FragmentCounter::form(int f) const {
+  const FragmentForm& form = memo_.forms[f];
+  const int* vl = memo_.arrays.data() + form.at;
+  const int* v = vl + form.vs;
+  const int* e = v + form.vs + 1;
+  return GraphView{form.vs, form.es, form.key, v, e, e + form.es, vl};
+}
+
+int FragmentCounter::find_or_add_form(const GraphView& g) {
   FragmentMemo& m = memo_;
-  if (m.form_bucket.empty()) m.form_bucket.assign(1 << 12, -1);
+  if (m.form_bucket.empty()) m.form_bucket.assign(1 << 12, FormBucket{});
   std::size_t mask = m.form_bucket.size() - 1;
-  std::size_t b = form_hash(g) & mask;
-  while (m.form_bucket[b] != -1) {
-    if (same_form(m.forms[m.form_bucket[b]].graph, g)) return m.form_bucket[b];
-    b = (b + 1) & mask;
+  const std::uint64_t hash = form_hash(g);
+  const auto tag = static_cast<std::uint32_t>(hash >> 32);
+  std::size_t b = hash & mask;
+  for (; m.form_bucket[b].form != -1; b = (b + 1) & mask) {
+    if (m.form_bucket[b].tag == tag && same_form(form(m.form_bucket[b].form), g)) return m.form_bucket[b].form;
   }
   const int f = static_cast<int>(m.forms.size());
-  FragmentForm form{g, stable};
-  form.graph.key = compute_key(form.graph);
+  FragmentForm added;
+  added.at = static_cast<std::uint32_t>(m.arrays.size());
+  added.vs = g.vs;
+  added.es = g.es;
+  m.arrays.insert(m.arrays.end(), g.vl, g.vl + g.vs);
+  m.arrays.insert(m.arrays.end(), g.v, g.v + g.vs + 1);
+  m.arrays.insert(m.arrays.end(), g.e, g.e + g.es);
+  m.arrays.insert(m.arrays.end(), g.el, g.el + g.es);
+  m.forms.push_back(added);
+  m.forms.back().key = compute_key(form(f));
   FormHot hot;
   hot.bonds = static_cast<std::uint16_t>(std::min(g.es / 2, 65535));
   for (int i = 0; i < g.vs && !hot.branching; ++i) hot.branching = g.v[i + 1] - g.v[i] > 2;
-  m.forms.push_back(std::move(form));
   m.hot.push_back(hot);
   numbers_.slot.push_back(-1);
   numbers_.id.push_back(-1);
   numbers_.support.push_back(0);
-  m.form_bucket[b] = f;
+  m.form_bucket[b] = FormBucket{tag, f};
   if (2 * m.forms.size() > m.form_bucket.size()) {
-    m.form_bucket.assign(2 * m.form_bucket.size(), -1);
+    m.form_bucket.assign(2 * m.form_bucket.size(), FormBucket{});
     mask = m.form_bucket.size() - 1;
     for (int k = 0; k <= f; ++k) {
-      std::size_t c = form_hash(m.forms[k].graph) & mask;
-      while (m.form_bucket[c] != -1) c = (c + 1) & mask;
-      m.form_bucket[c] = k;
+      const std::uint64_t h = form_hash(form(k));
+      std::size_t c = h & mask;
+      while (m.form_bucket[c].form != -1) c = (c + 1) & mask;
+      m.form_bucket[c] = FormBucket{static_cast<std::uint32_t>(h >> 32), k};
     }
   }
   return f;
@@ -323,7 +338,7 @@ void FragmentCounter::grow(int n, int a, int b, int label) {
 // canonical numbering. A stable result does not depend on that numbering,
 // so it is the form of the set; false when the result is not stable.
 bool FragmentCounter::label_grown(int n, int pos, int outside, int label, std::uint8_t* moves) {
-  const Graph& parent_form = memo_.forms[form_[n - 1]].graph;
+  const GraphView parent_form = form(form_[n - 1]);
   SmallGraph& sg = small_;
   sg.n = n + 1;
   for (int u = 0; u <= n; ++u) std::fill(sg.adj[u], sg.adj[u] + n + 1, 0);
@@ -360,7 +375,7 @@ bool FragmentCounter::label_grown(int n, int pos, int outside, int label, std::u
     c.v[a + 1] = entries;
   }
   TAVRIX_CHECK(entries == c.es);
-  form_[n] = find_or_add_form(c, true);
+  form_[n] = find_or_add_form(view_of(c));
   grown_[n] = 1;
   const int* parent = row(n - 1);
   int* child = row(n);
@@ -413,7 +428,7 @@ void FragmentCounter::label_exactly(int n, bool remember) {
 void FragmentCounter::label_graph(int n, int* child) {
   const bool stable = fragment_.vs <= MAX_GROWN_VERTICES && canonical_label_fast(fragment_);
   if (!stable) canonical_label(fragment_);
-  form_[n] = find_or_add_form(fragment_, stable);
+  form_[n] = find_or_add_form(view_of(fragment_));
   grown_[n] = stable;
   if (stable)
     for (int k = 0; k < fragment_.vs; ++k) child[k] = vertices_[fragment_.vid[k]];
@@ -429,11 +444,11 @@ std::vector<int> FragmentCounter::number_length(FragmentTable& table, int thresh
     for (; p < size; ++p) {
       const int f = list[p].id;
       const int bonds = memo_.hot[f].bonds;
-      if (bonds < 65535 ? bonds != threshold : memo_.forms[f].graph.vs != threshold + 1) break;
+      if (bonds < 65535 ? bonds != threshold : memo_.forms[f].vs != threshold + 1) break;
       // A compound lists a form at most once per length: every entry is a
       // first occurrence in its compound.
       if (numbers_.id[f] < 0) {
-        numbers_.slot[f] = claim_slot(numbers_.occupancy, memo_.forms[f].graph.key);
+        numbers_.slot[f] = claim_slot(numbers_.occupancy, memo_.forms[f].key);
         numbers_.id[f] = ++table.total;
         numbers_.support[f] = 1;
         placed.emplace_back(numbers_.slot[f], f);

@@ -47,7 +47,8 @@ class FragmentCounter {
   // entries. Returns the forms of the length in ascending slot order.
   std::vector<int> number_length(FragmentTable& table, int threshold);
 
-  const FragmentForm& form(int f) const { return memo_.forms[f]; }
+  // The canonical form f; valid until the next compound is counted.
+  GraphView form(int f) const;
   const FormNumbers& numbers() const { return numbers_; }
   // Fragments found (occurrences counted) so far, for progress reports.
   long long fragments() const { return fragments_; }
@@ -63,7 +64,7 @@ class FragmentCounter {
   bool label_grown(int n, int pos, int outside, int label, std::uint8_t* moves);
   void label_exactly(int n, bool remember);
   void label_graph(int n, int* child);
-  int find_or_add_form(const Graph& g, bool stable);
+  int find_or_add_form(const GraphView& g);
   int* row(int n) { return &at_[static_cast<std::size_t>(n) * width_]; }
 
   int lmin_, lmax_, opt_;

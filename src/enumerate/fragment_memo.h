@@ -22,10 +22,21 @@
 
 #include "graph/graph.h"
 
-// One distinct canonical form met in the run.
+// One distinct canonical form met in the run, as labelling wrote it: its
+// arrays vl, v, e, el stand one after the other in FragmentMemo::arrays, so
+// reading a form touches one stretch of memory.
 struct FragmentForm {
-  Graph graph;          // the canonical form, as labelling wrote it
-  bool stable = false;  // the same form for every numbering of the fragment
+  std::uint32_t at = 0;
+  int vs = 0;
+  int es = 0;
+  std::uint32_t key = 0;  // the table's hash key
+};
+
+// A bucket of the forms' hash table: the top half of the form's hash and
+// the form, -1 for an empty bucket.
+struct FormBucket {
+  std::uint32_t tag = 0;
+  std::int32_t form = -1;
 };
 
 // A fragment graph labelled before: its form and, for a stable form, where
@@ -72,9 +83,10 @@ struct FormHot {
 struct FragmentMemo {
   std::vector<FragmentForm> forms;
   std::vector<FormHot> hot;  // parallel to forms
+  std::vector<int> arrays;   // every form's arrays
 
-  // Forms by canonical graph: open addressing on a hash of its arrays, -1 empty.
-  std::vector<int> form_bucket;
+  // Forms by canonical graph: open addressing on a hash of its arrays.
+  std::vector<FormBucket> form_bucket;
 
   // Every form's step buckets; a form whose table fills up moves to a table
   // twice the size, and the tables it leaves are reused (free_tables, by

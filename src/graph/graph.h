@@ -23,6 +23,22 @@ struct Graph {
   std::vector<int> vl;     // vertex labels
 };
 
+// A read-only look at the arrays of a graph held elsewhere (a Graph, or the
+// packed canonical forms the enumeration keeps).
+struct GraphView {
+  int vs = 0;
+  int es = 0;
+  std::uint32_t key = 0;
+  const int* v = nullptr;   // vs + 1 offsets
+  const int* e = nullptr;   // es far ends
+  const int* el = nullptr;  // es edge labels
+  const int* vl = nullptr;  // vs vertex labels
+};
+
+inline GraphView view_of(const Graph& g) {
+  return GraphView{g.vs, g.es, g.key, g.v.data(), g.e.data(), g.el.data(), g.vl.data()};
+}
+
 // One directed adjacency entry before the arrays are built.
 struct EdgeTriple {
   int u = 0;

@@ -11,8 +11,14 @@
 #include "table/table.h"
 
 // One SD record (or Mol2 record) for the fragment g stored in slot.
-void write_sd_fragment(const HashEntry& slot, const Graph& g, const LabelDictionary& dict, std::FILE* stream);
-void write_mol2_fragment(const HashEntry& slot, const Graph& g, const LabelDictionary& dict, std::FILE* stream);
+void write_sd_fragment(const HashEntry& slot, const GraphView& g, const LabelDictionary& dict, std::FILE* stream);
+void write_mol2_fragment(const HashEntry& slot, const GraphView& g, const LabelDictionary& dict, std::FILE* stream);
+inline void write_sd_fragment(const HashEntry& slot, const Graph& g, const LabelDictionary& dict, std::FILE* stream) {
+  write_sd_fragment(slot, view_of(g), dict, stream);
+}
+inline void write_mol2_fragment(const HashEntry& slot, const Graph& g, const LabelDictionary& dict, std::FILE* stream) {
+  write_mol2_fragment(slot, view_of(g), dict, stream);
+}
 
 // Writes outfstem + ".out": one line per compound with its descriptor numbers
 // (idmap of each occurrence id, -1 for none) and counts.

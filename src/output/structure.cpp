@@ -64,7 +64,7 @@ const std::string& sd_atom_line(const LabelDictionary& dict, int label_index) {
 // directions of the bond carry the same label. On a mismatch the record
 // written so far goes to the file before the run ends.
 template <class WriteBond>
-void for_each_bond(const Graph& g, std::FILE* out, WriteBond write_bond) {
+void for_each_bond(const GraphView& g, std::FILE* out, WriteBond write_bond) {
   for (int i = 0; i < g.vs; ++i) {
     for (int j = g.v[i]; j < g.v[i + 1]; ++j) {
       const int u = g.e[j];
@@ -93,7 +93,7 @@ void flush_record(std::FILE* out) { std::fwrite(record.data(), 1, record.size(),
 
 }  // namespace
 
-void write_sd_fragment(const HashEntry& slot, const Graph& g, const LabelDictionary& dict, std::FILE* out) {
+void write_sd_fragment(const HashEntry& slot, const GraphView& g, const LabelDictionary& dict, std::FILE* out) {
   record.clear();
   put_int(slot.id, 0);
   put("\n  QZ                2D\n\n");
@@ -112,7 +112,7 @@ void write_sd_fragment(const HashEntry& slot, const Graph& g, const LabelDiction
   flush_record(out);
 }
 
-void write_mol2_fragment(const HashEntry& slot, const Graph& g, const LabelDictionary& dict, std::FILE* out) {
+void write_mol2_fragment(const HashEntry& slot, const GraphView& g, const LabelDictionary& dict, std::FILE* out) {
   record.clear();
   put("@<TRIPOS>MOLECULE\n");
   put_int(slot.id, 0);

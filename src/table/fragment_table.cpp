@@ -62,7 +62,7 @@ void create_occurrence_lists(FragmentTable& table, int n) {
   table.csr.assign(n, std::vector<Occurrence>());
 }
 
-std::uint32_t compute_key(const Graph& g) {
+std::uint32_t compute_key(const GraphView& g) {
   const std::uint32_t n = 2u * g.es + 2u * g.vs + 1u;
   std::uint32_t h = 4u * n;
   auto mix = [&h](int value) {

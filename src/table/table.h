@@ -75,7 +75,8 @@ void create_occurrence_lists(FragmentTable& table, int n);
 
 // Hash of a canonically labelled graph over e, v, el, vl as little-endian
 // bytes, each byte taken as signed.
-std::uint32_t compute_key(const Graph& g);
+std::uint32_t compute_key(const GraphView& g);
+inline std::uint32_t compute_key(const Graph& g) { return compute_key(view_of(g)); }
 
 inline int home_slot(std::uint32_t key) { return static_cast<int>(key % HASHTBL_SIZE); }
 

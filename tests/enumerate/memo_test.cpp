@@ -58,13 +58,15 @@ struct TableRun {
   std::vector<int> issued;  // slots in the order the driver would number them
 };
 
-void issue(TableRun& r, int slot, int id, int support, const Graph& g) {
+void issue(TableRun& r, int slot, int id, int support, const GraphView& g) {
   r.issued.push_back(slot);
   r.issued.push_back(id);
   r.issued.push_back(support);
-  r.issued.insert(r.issued.end(), g.e.begin(), g.e.end());
-  r.issued.insert(r.issued.end(), g.el.begin(), g.el.end());
-  r.issued.insert(r.issued.end(), g.vl.begin(), g.vl.end());
+  r.issued.push_back(static_cast<int>(g.key));
+  r.issued.insert(r.issued.end(), g.v, g.v + g.vs + 1);
+  r.issued.insert(r.issued.end(), g.e, g.e + g.es);
+  r.issued.insert(r.issued.end(), g.el, g.el + g.es);
+  r.issued.insert(r.issued.end(), g.vl, g.vl + g.vs);
 }
 
 void run_plain(TableRun& r, const std::vector<Graph>& compounds, int lmin, int lmax, int opt) {
@@ -84,7 +86,7 @@ void run_plain(TableRun& r, const std::vector<Graph>& compounds, int lmin, int l
     }
     for (int slot : current_slots(r.table)) {
       const HashEntry& e = r.table.hashg[slot];
-      issue(r, slot, e.id, e.support, r.table.stored[e.g]);
+      issue(r, slot, e.id, e.support, view_of(r.table.stored[e.g]));
     }
     release_stored(r.table);
   }
@@ -102,7 +104,7 @@ void run_counted(TableRun& r, const std::vector<Graph>& compounds, int lmin, int
   for (int t = lmin; t <= lmax; ++t) {
     for (int f : counter.number_length(r.table, t)) {
       const FormNumbers& k = counter.numbers();
-      issue(r, k.slot[f], k.id[f], k.support[f], counter.form(f).graph);
+      issue(r, k.slot[f], k.id[f], k.support[f], counter.form(f));
     }
   }
 }
