@@ -81,10 +81,11 @@ struct RecordRef {
 // "compound <number> (<name>): <what>" on standard output, status 1.
 [[noreturn]] void refuse_record(const RecordRef& record, const std::string& what);
 
-// The token array of one pass: MAX_TOKENS reusable slots. Slots from `count`
-// on keep what earlier lines left; nobody reads them.
+// The token array of one pass: MAX_TOKENS slots, each a piece of the line
+// last split, so they hold only until the next line is read. Slots from
+// `count` on are left from earlier lines; nobody reads them.
 struct TokenArray {
-  std::vector<std::string> slot = std::vector<std::string>(MAX_TOKENS);
+  std::vector<std::string_view> slot = std::vector<std::string_view>(MAX_TOKENS);
   int count = 0;
 };
 

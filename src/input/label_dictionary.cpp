@@ -108,33 +108,35 @@ int leading_number(std::string_view text) {
 
 void tokenize_line(std::string_view line, TokenArray& tokens) {
   // Only the part before the first line feed is split, as the copy with its
-  // line feeds cut would be.
-  std::size_t feed = line.find('\n');
-  std::string_view text = line.substr(0, feed);
-  std::size_t first = text.find_first_not_of(' ');
-  if (line.size() < 2 || first == std::string_view::npos) {
+  // line feeds cut would be. Tokens are short, so they are walked byte by
+  // byte rather than searched for.
+  std::string_view text = line.substr(0, line.find('\n'));
+  const char* const start = text.data();
+  const char* const end = start + text.size();
+  const char* p = start;
+  while (p != end && *p == ' ') ++p;
+  if (line.size() < 2 || p == end) {
     tokens.count = 0;
     tokens.slot[0] = "nil";
     return;
   }
+  const std::size_t first = p - start;
   int count = 0;
-  std::size_t pos = first;
-  std::string_view first_token;
-  while (pos != std::string_view::npos) {
-    std::size_t end = text.find(' ', pos);
-    std::string_view token = text.substr(pos, end == std::string_view::npos ? end : end - pos);
-    if (count == 0) first_token = token;
-    tokens.slot[count++].assign(token);
+  while (p != end) {
+    const char* token = p;
+    while (p != end && *p != ' ') ++p;
+    tokens.slot[count++] = std::string_view(token, p - token);
     // Checked before the next token is looked for, so a line of exactly
     // MAX_TOKENS tokens is refused as well.
     if (count == MAX_TOKENS) {
       // The split copy of the line reads, from its start, as its leading
       // spaces and the first token.
       std::printf("total items in this transaction = %d,id = %s,str = %s\n", MAX_TOKENS,
-                  tokens.slot[MAX_TOKENS - 1].c_str(), std::string(text.substr(0, first + first_token.size())).c_str());
+                  std::string(tokens.slot[MAX_TOKENS - 1]).c_str(),
+                  std::string(text.substr(0, first + tokens.slot[0].size())).c_str());
       fatal_error("memory for array not sufficient\n");
     }
-    pos = end == std::string_view::npos ? end : text.find_first_not_of(' ', end);
+    while (p != end && *p == ' ') ++p;
   }
   tokens.count = count;
 }

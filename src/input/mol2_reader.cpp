@@ -120,7 +120,7 @@ bool form_atom_label(const TokenArray& tokens, bool basic_types, std::string_vie
 
 // The bond label of a bond type, "" for a bond left out of the graph, nullptr
 // for a type that is none of these.
-const char* mol2_bond_label(const std::string& type) {
+const char* mol2_bond_label(std::string_view type) {
   if (type == "1") return "-";
   if (type == "2") return "=";
   if (type == "3") return "#";
@@ -241,7 +241,7 @@ void read_mol2_graphs(const RunSettings& settings, FilePtr stream, std::vector<G
           refuse_record(record, format_text("atom line %d: the atom type of %zu characters is longer than the %zu allowed",
                                             k + 1, tokens.slot[5].size(), MAX_TOKEN_LENGTH));
         refuse_record(record, format_text("atom line %d: the atom type '%s' is longer than %zu characters before its '.'",
-                                          k + 1, tokens.slot[5].c_str(), MAX_BASIC_TYPE_LENGTH));
+                                          k + 1, std::string(tokens.slot[5]).c_str(), MAX_BASIC_TYPE_LENGTH));
       }
       g.vid[k] = k;
       g.vl[k] = vertex_label_index(label, dict);
@@ -259,7 +259,8 @@ void read_mol2_graphs(const RunSettings& settings, FilePtr stream, std::vector<G
       if (tokens.count < 4) refuse_record(record, format_text("bond line %d has fewer than four fields", bond_lines));
       const char* label = mol2_bond_label(tokens.slot[3]);
       if (label == nullptr)
-        refuse_record(record, format_text("bond line %d has the unknown bond type '%s'", bond_lines, tokens.slot[3].c_str()));
+        refuse_record(record, format_text("bond line %d has the unknown bond type '%s'", bond_lines,
+                                          std::string(tokens.slot[3]).c_str()));
       if (*label == '\0') continue;  // "nc", "du", "un": no bond in the graph
       if (settings.NoBndLabels) label = "-";
       if (bonds.size() == MAX_MOL2_BONDS)
