@@ -38,6 +38,7 @@ struct Small {
   int best[MAXV];
   int vkey[MAXV];       // what a vertex stands for in the arrangements
   int keys[MAXV];       // per position: the vkey placed there
+  bool packed = false;  // keys fit the packed form below
 };
 
 Small s;
@@ -91,6 +92,51 @@ int refine_pass() {
   }
   s.part[cell + 1] = n;
   std::memcpy(s.p, newp, sizeof(int) * n);
+  return cell + 1;
+}
+
+// The same pass with each key packed into one 128-bit number whose order is
+// the keys' order: cell (6 bits), 63 - degree (6), label (20), then the
+// sorted (code, cell) pairs in 9 bits each from the top down. Keys of equal
+// degree hold equally many pairs, and keys of different degrees differ
+// before the pairs, so comparing the numbers compares the keys. Taken when
+// every degree is at most PACKED_PAIRS, labels are below 2^20 and codes below 16.
+constexpr int PACKED_PAIRS = 10;
+using PackedKey = unsigned __int128;
+
+int refine_pass_packed() {
+  const int n = s.n;
+  PackedKey key[MAXV];
+  for (int v = 0; v < n; ++v) {
+    unsigned pairs[PACKED_PAIRS];
+    const int d = s.deg[v];
+    for (int j = 0; j < d; ++j) {
+      const int w = s.nb[v][j];
+      const unsigned pair = static_cast<unsigned>(s.adj[v][w]) << 5 | static_cast<unsigned>(s.p[w]);
+      int q = j;
+      for (; q > 0 && pairs[q - 1] > pair; --q) pairs[q] = pairs[q - 1];
+      pairs[q] = pair;
+    }
+    PackedKey k = static_cast<PackedKey>(s.p[v]) << 122 | static_cast<PackedKey>(63 - d) << 116 |
+                  static_cast<PackedKey>(s.label[v]) << 96;
+    for (int j = 0; j < d; ++j) k |= static_cast<PackedKey>(pairs[j]) << (96 - 9 * (j + 1));
+    key[v] = k;
+  }
+  for (int i = 0; i < n; ++i) s.order[i] = i;
+  for (int i = 1; i < n; ++i) {
+    const int x = s.order[i];
+    int j = i;
+    for (; j > 0 && key[x] < key[s.order[j - 1]]; --j) s.order[j] = s.order[j - 1];
+    s.order[j] = x;
+  }
+  int cell = 0;
+  s.p[s.order[0]] = 0;
+  s.part[0] = 0;
+  for (int i = 1; i < n; ++i) {
+    if (key[s.order[i - 1]] != key[s.order[i]]) s.part[++cell] = i;
+    s.p[s.order[i]] = cell;
+  }
+  s.part[cell + 1] = n;
   return cell + 1;
 }
 
@@ -153,18 +199,25 @@ bool canonical_order_fast(const SmallGraph& g, int* order) {
   s.n = n;
   s.adj = g.adj;
   s.label = g.label;
+  s.packed = true;
   for (int u = 0; u < n; ++u) {
     int d = 0;
-    for (int w = 0; w < n; ++w)
-      if (g.adj[u][w] != 0) s.nb[u][d++] = w;
+    for (int w = 0; w < n; ++w) {
+      const int code = g.adj[u][w];
+      if (code != 0) {
+        s.nb[u][d++] = w;
+        if (code < 0 || code >= 16) s.packed = false;
+      }
+    }
     s.deg[u] = d;
     s.p[u] = 0;
+    if (d > PACKED_PAIRS || g.label[u] < 0 || g.label[u] >= (1 << 20)) s.packed = false;
   }
   // Passes go on while they add cells, as in refine.
   int parts = 1, previous = 0;
   while (parts > previous) {
     previous = parts;
-    parts = refine_pass();
+    parts = s.packed ? refine_pass_packed() : refine_pass();
   }
   s.parts = parts;
   int largest = 0;
