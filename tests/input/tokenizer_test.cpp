@@ -34,19 +34,33 @@ TEST(tokenize_line, leaves_nil_for_lines_without_tokens) {
   }
 }
 
-// The shortcuts taken for lines whose tokens no pass keeps answer as the
-// tokeniser would.
-TEST(tokenize_line, shortcuts_agree_with_the_tokeniser) {
+// On random lines: the tokens are the space-separated pieces before the
+// first line feed, and the record-end test reads the first of them.
+TEST(tokenize_line, agrees_with_a_plain_split) {
   std::mt19937 rng(20250611);  // fixed, so a failure replays
   const char alphabet[] = {' ', '$', '\n', '\t', 'x'};
   for (int round = 0; round < 20000; ++round) {
     std::string line(rng() % 12, ' ');
     for (char& c : line) c = alphabet[rng() % std::size(alphabet)];
+    const std::string text = line.substr(0, line.find('\n'));
+    std::vector<std::string> pieces;
+    for (std::size_t i = 0, j; line.size() >= 2 && i < text.size(); i = j + 1) {
+      j = std::min(text.find(' ', i), text.size());
+      if (j > i) pieces.push_back(text.substr(i, j - i));
+    }
     TokenArray t;
     tokenize_line(line, t);
-    ASSERT_EQ(first_token_is_record_end(line), t.slot[0] == "$$$$") << testing::PrintToString(line);
+    ASSERT_EQ(std::vector<std::string>(t.slot.begin(), t.slot.begin() + t.count), pieces) << testing::PrintToString(line);
+    if (pieces.empty()) {
+      ASSERT_EQ(t.slot[0], "nil");
+    }
+    ASSERT_EQ(first_token_is_record_end(line), !pieces.empty() && pieces[0] == "$$$$") << testing::PrintToString(line);
   }
-  // The shortest lines of MAX_TOKENS tokens, with and without their feed.
+}
+
+// Lines whose tokens no pass keeps are split only when long enough to reach
+// the limit: the shortest such lines, with and without their feed.
+TEST(check_token_limit, refuses_the_shortest_lines_at_the_limit) {
   std::string shortest = "x";
   for (int i = 1; i < MAX_TOKENS; ++i) shortest += " x";
   const char* refused = "total items in this transaction = 1000,id = x,str = x\nmemory for array not sufficient\n";
