@@ -3,6 +3,7 @@
 // fragment of that length whose support reaches fmin into the next
 // descriptor, and finally writes the descriptor vectors.
 #include <cstdio>
+#include <malloc.h>
 #include <exception>
 #include <new>
 
@@ -82,6 +83,12 @@ int run(int argc, char** argv) {
 
 int run_tavrix(int argc, char** argv) {
   install_memory_handler();
+  // The run's arrays grow by doubling to tens of megabytes; kept in the heap
+  // and never handed back early, their pages are faulted in once rather
+  // than on every move to a larger block.
+  mallopt(M_MMAP_THRESHOLD, 1 << 30);
+  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+  mallopt(M_TOP_PAD, 64 << 20);
   try {
     return run(argc, argv);
   } catch (const std::exception&) {

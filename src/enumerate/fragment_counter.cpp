@@ -82,8 +82,12 @@ int FragmentCounter::find_or_add_form(const GraphView& g) {
   m.forms.back().key = compute_key(form(f));
   FormHot hot;
   hot.bonds = static_cast<std::uint16_t>(std::min(g.es / 2, 65535));
-  for (int i = 0; i < g.vs && !hot.branching; ++i) hot.branching = g.v[i + 1] - g.v[i] > 2;
   m.hot.push_back(hot);
+  bool branching = false;
+  for (int i = 0; i < g.vs && !branching; ++i) branching = g.v[i + 1] - g.v[i] > 2;
+  m.branching.push_back(branching);
+  m.last_compound.push_back(-1);
+  m.last_position.push_back(0);
   numbers_.slot.push_back(-1);
   numbers_.id.push_back(-1);
   numbers_.support.push_back(0);
@@ -249,18 +253,17 @@ void FragmentCounter::include(int n, int s) {
 void FragmentCounter::record(int n) {
   const int f = form_[n];
   if (opt_ == 2 || opt_ == 3) {
-    if (memo_.hot[f].branching != (opt_ == 2)) return;
+    if ((memo_.branching[f] != 0) != (opt_ == 2)) return;
   } else if (opt_ != 1) {
     fatal_error("Option not valid\n");
   }
   ++fragments_;
   std::vector<Occurrence>& list = by_length_[n];
-  FormHot& last = memo_.hot[f];
-  if (last.compound == compid_) {
-    ++list[last.position].count;
+  if (memo_.last_compound[f] == compid_) {
+    ++list[memo_.last_position[f]].count;
   } else {
-    last.compound = compid_;
-    last.position = static_cast<int>(list.size());
+    memo_.last_compound[f] = compid_;
+    memo_.last_position[f] = static_cast<int>(list.size());
     list.push_back(Occurrence{f, 1});
   }
 }

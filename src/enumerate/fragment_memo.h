@@ -66,24 +66,26 @@ struct alignas(16) StepBucket {
   std::uint8_t moves[INLINE_MOVES] = {};  // or the offset into long_moves
 };
 
-// What the search touches for every set, per form: where the form's steps
-// are (open addressing over buckets steps .. steps + mask of the pool) and
-// where the form was last counted (the compound, and the position of its
-// entry in that compound's list of the form's length).
+// Where a form's growth steps are: open addressing over buckets steps ..
+// steps + mask of the pool.
 struct FormHot {
   std::int32_t steps = -1;  // -1: no step out of this form yet
   std::uint32_t mask = 0;
   std::uint32_t used = 0;
-  int compound = -1;
-  int position = 0;
   std::uint16_t bonds = 0;  // the form's length, saturated
-  bool branching = false;   // some atom carries three or more of its bonds
 };
 
 struct FragmentMemo {
   std::vector<FragmentForm> forms;
   std::vector<FormHot> hot;  // parallel to forms
   std::vector<int> arrays;   // every form's arrays
+
+  // Per form, apart so that the check made for every set reads 4 bytes: the
+  // compound the form was last counted in, and the position of its entry
+  // in that compound's list of the form's length.
+  std::vector<int> last_compound;
+  std::vector<int> last_position;
+  std::vector<char> branching;  // some atom carries three or more of its bonds
 
   // Forms by canonical graph: open addressing on a hash of its arrays.
   std::vector<FormBucket> form_bucket;
