@@ -34,7 +34,13 @@ std::string field_digits(std::string_view line, std::size_t first) {
   return digits;
 }
 
-int field_value(std::string_view line, std::size_t first) { return leading_number(field_digits(line, first)); }
+// The value of field_digits, without making the string: three digits at most.
+int field_value(std::string_view line, std::size_t first) {
+  int value = 0;
+  for (char c : columns(line, first, first + 2))
+    if (c >= '0' && c <= '9') value = value * 10 + (c - '0');
+  return value;
+}
 
 std::string atom_symbol(std::string_view line) {
   std::string symbol;
@@ -180,9 +186,9 @@ void read_sd_graphs(const RunSettings& settings, FilePtr stream, std::vector<Gra
         refuse_record(record, format_text("the file ends after %d of its %d bond lines", b, h.nb));
       const char* label = "-";
       if (!settings.NoBndLabels) {
-        std::string digits = field_digits(in.line, 7);
-        label = sd_bond_label(leading_number(digits));
-        if (label == nullptr) fatal_error(format_text("read sdf file : edge label not valid %s\n", digits.c_str()));
+        label = sd_bond_label(field_value(in.line, 7));
+        if (label == nullptr)
+          fatal_error(format_text("read sdf file : edge label not valid %s\n", field_digits(in.line, 7).c_str()));
       }
       if (first_token_is_record_end(in.line))
         refuse_record(record, format_text("the record ends after %d of its %d bond lines", b, h.nb));
