@@ -213,12 +213,13 @@ bool canonical_order_fast(const SmallGraph& g, int* order) {
     s.p[u] = 0;
     if (d > PACKED_PAIRS || g.label[u] < 0 || g.label[u] >= (1 << 20)) s.packed = false;
   }
-  // Passes go on while they add cells, as in refine.
+  // Passes go on while they add cells, as in refine. Once every cell is a
+  // single vertex a further pass would only confirm the same order.
   int parts = 1, previous = 0;
-  while (parts > previous) {
+  do {
     previous = parts;
     parts = s.packed ? refine_pass_packed() : refine_pass();
-  }
+  } while (parts > previous && parts < n);
   s.parts = parts;
   int largest = 0;
   for (int c = 0; c < parts; ++c) largest = std::max(largest, s.part[c + 1] - s.part[c]);
