@@ -19,13 +19,16 @@ void canonical_label(Graph& g);
 bool canonical_label_fast(Graph& g);
 
 // A graph of at most SMALL_GRAPH_VERTICES vertices as the short route reads
-// it: labels and a matrix of edge label + 1 (0 for no bond, rows and columns
-// 0..n-1 filled, the diagonal 0).
+// it: labels, a matrix of edge label + 1 (0 for no bond, rows and columns
+// 0..n-1 filled, the diagonal 0) and the same bonds as neighbour lists (in
+// any order).
 constexpr int SMALL_GRAPH_VERTICES = 32;
 struct SmallGraph {
   int n = 0;
   int label[SMALL_GRAPH_VERTICES];
   int adj[SMALL_GRAPH_VERTICES][SMALL_GRAPH_VERTICES];
+  int deg[SMALL_GRAPH_VERTICES];
+  int nb[SMALL_GRAPH_VERTICES][SMALL_GRAPH_VERTICES];
 };
 
 // The short route on a SmallGraph: when every refined cell has fewer than

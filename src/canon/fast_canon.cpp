@@ -26,8 +26,8 @@ struct Small {
   int n = 0;
   const int (*adj)[MAXV] = nullptr;  // the input's matrix
   const int* label = nullptr;        // the input's labels
-  int deg[MAXV];
-  int nb[MAXV][MAXV];   // neighbours of each vertex
+  const int* deg = nullptr;          // the input's degrees
+  const int (*nb)[MAXV] = nullptr;   // the input's neighbour lists
   int p[MAXV];          // cell of each vertex
   int key[MAXV][MAXK];
   int keylen[MAXV];
@@ -199,17 +199,15 @@ bool canonical_order_fast(const SmallGraph& g, int* order) {
   s.n = n;
   s.adj = g.adj;
   s.label = g.label;
+  s.deg = g.deg;
+  s.nb = g.nb;
   s.packed = true;
   for (int u = 0; u < n; ++u) {
-    int d = 0;
-    for (int w = 0; w < n; ++w) {
-      const int code = g.adj[u][w];
-      if (code != 0) {
-        s.nb[u][d++] = w;
-        if (code < 0 || code >= 16) s.packed = false;
-      }
+    const int d = g.deg[u];
+    for (int j = 0; j < d; ++j) {
+      const int code = g.adj[u][g.nb[u][j]];
+      if (code < 0 || code >= 16) s.packed = false;
     }
-    s.deg[u] = d;
     s.p[u] = 0;
     if (d > PACKED_PAIRS || g.label[u] < 0 || g.label[u] >= (1 << 20)) s.packed = false;
   }
@@ -249,7 +247,11 @@ bool canonical_label_fast(Graph& g) {
     if (g.v[u + 1] - g.v[u] > MAXV) return false;
     std::memset(in.adj[u], 0, sizeof(int) * n);
     in.label[u] = g.vl[u];
-    for (int j = g.v[u]; j < g.v[u + 1]; ++j) in.adj[u][g.e[j]] = g.el[j] + 1;
+    in.deg[u] = g.v[u + 1] - g.v[u];
+    for (int j = g.v[u]; j < g.v[u + 1]; ++j) {
+      in.adj[u][g.e[j]] = g.el[j] + 1;
+      in.nb[u][j - g.v[u]] = g.e[j];
+    }
   }
   int perm[MAXV];
   if (!canonical_order_fast(in, perm)) return false;

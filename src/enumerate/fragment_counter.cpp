@@ -347,14 +347,26 @@ bool FragmentCounter::label_grown(int n, int pos, int outside, int label, std::u
   for (int u = 0; u <= n; ++u) std::fill(sg.adj[u], sg.adj[u] + n + 1, 0);
   for (int u = 0; u < n; ++u) {
     sg.label[u] = parent_form.vl[u];
-    for (int j = parent_form.v[u]; j < parent_form.v[u + 1]; ++j) sg.adj[u][parent_form.e[j]] = parent_form.el[j] + 1;
+    const int first = parent_form.v[u];
+    sg.deg[u] = parent_form.v[u + 1] - first;
+    for (int j = 0; j < sg.deg[u]; ++j) {
+      const int w = parent_form.e[first + j];
+      sg.nb[u][j] = w;
+      sg.adj[u][w] = parent_form.el[first + j] + 1;
+    }
   }
   sg.label[n] = g_->vl[outside];
   sg.adj[pos][n] = sg.adj[n][pos] = label + 1;
+  sg.nb[pos][sg.deg[pos]++] = n;
+  sg.deg[n] = 1;
+  sg.nb[n][0] = pos;
   int order[SMALL_GRAPH_VERTICES];
   if (!canonical_order_fast(sg, order)) return false;
 
-  // The canonical arrays, written as labelling writes them.
+  // The canonical arrays, written as labelling writes them: each position's
+  // neighbours by ascending position.
+  int position[SMALL_GRAPH_VERTICES];
+  for (int k = 0; k <= n; ++k) position[order[k]] = k;
   Graph& c = canonical_;
   c.vs = n + 1;
   c.es = 2 * n;
@@ -365,16 +377,16 @@ bool FragmentCounter::label_grown(int n, int pos, int outside, int label, std::u
   int entries = 0;
   c.v[0] = 0;
   for (int a = 0; a <= n; ++a) {
-    c.vl[a] = sg.label[order[a]];
-    const int* adj = sg.adj[order[a]];
-    for (int b = 0; b <= n; ++b) {
-      const int code = adj[order[b]];
-      if (code != 0) {
-        c.e[entries] = b;
-        c.el[entries] = code - 1;
-        ++entries;
-      }
+    const int u = order[a];
+    c.vl[a] = sg.label[u];
+    const int start = entries;
+    for (int j = 0; j < sg.deg[u]; ++j) {
+      const int b = position[sg.nb[u][j]];
+      int q = entries++;
+      for (; q > start && c.e[q - 1] > b; --q) c.e[q] = c.e[q - 1];
+      c.e[q] = b;
     }
+    for (int q = start; q < entries; ++q) c.el[q] = sg.adj[u][order[c.e[q]]] - 1;
     c.v[a + 1] = entries;
   }
   TAVRIX_CHECK(entries == c.es);
