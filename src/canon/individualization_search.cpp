@@ -34,17 +34,32 @@ void individualize(CanonState& m, int v, const SaveArea& save) {
     else ++m.vtx[m.perm[q]].p;
   }
   TAVRIX_CHECK(hit);
-  sort_vertices(m);
+  // Refinement's first pass sorts under these cells; a sort before it would
+  // leave that pass a sorted record, which sorting again does not move.
   refine(m);
 }
 
+// The saved record is one that refinement ended on: its order is sorted
+// under its cells, and a further pass finds the same cells, numbered as they
+// are (so P equals p). Re-sorting and refining it, as the level was first
+// restored, therefore leaves the order untouched, rebuilds the same perm_inv
+// and recomputes part and newpart from p; copying gives those very values.
+// Only the arrangement of equal entries in the neighbour lists may differ,
+// and comparisons read those lists only after sorting them again.
 void restore_level(CanonState& m, const SaveArea& save) {
-  std::copy_n(save.perm, m.vs, m.perm.begin());
-  for (int k = 0; k < m.vs; ++k) m.vtx[k].p = save.p[k];
-  // The saved order is sorted under the saved cells: the sort keeps it and
-  // rebuilds perm_inv, and one refinement pass restores part, parts and P.
-  sort_vertices(m);
-  refine(m);
+  const int n = m.vs;
+  std::copy_n(save.perm, n, m.perm.begin());
+  std::copy_n(save.perm_inv, n, m.perm_inv.begin());
+  for (int k = 0; k < n; ++k) m.vtx[k].p = m.vtx[k].P = save.p[k];
+  // Cells are numbered in position order, so each starts where p steps up.
+  int c = 0;
+  m.part[0] = 0;
+  for (int k = 1; k < n; ++k)
+    if (save.p[save.perm[k]] != save.p[save.perm[k - 1]]) m.part[++c] = k;
+  m.parts = c + 1;
+  m.part[m.parts] = n;
+  std::copy_n(m.part.begin(), m.parts + 1, m.newpart.begin());
+  m.newparts = m.parts;
 }
 
 void individualization_search(CanonState& m, int c, int prev, CanonState& best) {
