@@ -2,6 +2,7 @@
 // Nothing outside src/canon and tests/canon includes this header.
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include "graph/graph.h"
@@ -11,6 +12,7 @@
 struct NeighbourRef {
   int code = 0;    // edge label + 1; never 0
   int vertex = 0;  // index into CanonState::vtx
+  int pair = 0;    // packed keys: rank of code among the graph's codes, times vs
 };
 
 struct CanonVertex {
@@ -37,6 +39,20 @@ struct CanonState {
   std::vector<int> perm0;        // arrangement when the permutation search began
   std::vector<int> perm;         // perm[k]: vertex at position k
   std::vector<int> perm_inv;     // position of each vertex
+
+  // Packed refinement keys, set up by load_graph when they fit: one 64-bit
+  // word per vertex that orders vertices as compare_vertices does. From the
+  // top: p; the rank of (degree descending, label) among the graph's vertices;
+  // then the neighbour pairs (code rank * vs + far end's p) in increasing
+  // order, zeros after the last. Equal ranks mean equal degrees, so lists of
+  // different lengths are never compared past the rank. Refinement on packed
+  // keys leaves the neighbour lists in load order, which nothing then reads.
+  bool packed = false;
+  int cell_shift = 0;        // of p
+  int pair_bits = 0;         // width of one neighbour pair
+  int first_pair_shift = 0;  // of the smallest pair; each later one pair_bits lower
+  std::vector<std::uint64_t> key_fixed;  // per vertex: the rank, in place
+  std::vector<std::uint64_t> key;        // per vertex: its key in the running pass
 };
 
 inline int adj_at(const CanonState& m, int u, int w) { return m.adj[u * m.cap + w]; }

@@ -1,6 +1,7 @@
 // The labelling's records: the process-wide scratch pair, loading a graph
 // into a record, writing the chosen order back, and copying records.
 #include <algorithm>
+#include <bit>
 
 #include "canon/canon_internal.h"
 #include "common/common.h"
@@ -28,6 +29,8 @@ void create_state(CanonState& m, int cap) {
   m.perm0.assign(cap, 0);
   m.perm.assign(cap, 0);
   m.perm_inv.assign(cap, 0);
+  m.key_fixed.assign(cap, 0);
+  m.key.assign(cap, 0);
 }
 
 void prepare_scratch(int n) {
@@ -57,6 +60,65 @@ void release_save_area(int vs) {
   save_top -= 3 * vs;
 }
 
+namespace {
+
+// Distinct codes beyond this many leave the keys unpacked.
+constexpr int MAX_PACKED_CODES = 16;
+// Vertex indices fit the low bits of the words ranked below.
+constexpr int MAX_PACKED_VERTICES = 64;
+
+int bits_for(int largest) { return static_cast<int>(std::bit_width(static_cast<unsigned>(largest))); }
+
+// Decides whether m's keys fit one word and, if so, sets their layout and
+// the ranks behind them. Uses m.key as scratch, so it allocates nothing.
+void set_up_packed_keys(CanonState& m) {
+  const int n = m.vs;
+  m.packed = false;
+  if (n > MAX_PACKED_VERTICES) return;
+  int codes[MAX_PACKED_CODES];
+  int ncodes = 0, max_degree = 0;
+  for (int v = 0; v < n; ++v) {
+    const CanonVertex& x = m.vtx[v];
+    max_degree = std::max(max_degree, x.d);
+    for (int s = 0; s < x.d; ++s) {
+      const int code = x.neighbours[s].code;
+      if (std::find(codes, codes + ncodes, code) != codes + ncodes) continue;
+      if (ncodes == MAX_PACKED_CODES) return;
+      codes[ncodes++] = code;
+    }
+  }
+  std::sort(codes, codes + ncodes);
+  // (degree descending, label) as one number, the vertex in the low 6 bits;
+  // sorted, equal numbers above those bits share a rank.
+  for (int v = 0; v < n; ++v) {
+    const std::uint64_t label = static_cast<std::uint32_t>(m.vtx[v].l) ^ 0x80000000u;
+    m.key[v] = static_cast<std::uint64_t>(MAX_PACKED_VERTICES - 1 - m.vtx[v].d) << 38 | label << 6 |
+               static_cast<std::uint64_t>(v);
+  }
+  std::sort(m.key.begin(), m.key.begin() + n);
+  int rank = 0;
+  for (int k = 0; k < n; ++k) {
+    if (k > 0 && (m.key[k] >> 6) != (m.key[k - 1] >> 6)) ++rank;
+    m.key_fixed[m.key[k] & 63] = static_cast<std::uint64_t>(rank);
+  }
+  const int cell_bits = bits_for(n - 1);
+  const int rank_bits = bits_for(rank);
+  const int pair_bits = bits_for(std::max(ncodes, 1) * n - 1);
+  if (cell_bits + rank_bits + max_degree * pair_bits > 64) return;
+  m.packed = true;
+  m.pair_bits = pair_bits;
+  m.first_pair_shift = std::max(max_degree - 1, 0) * pair_bits;
+  m.cell_shift = rank_bits + max_degree * pair_bits;
+  for (int v = 0; v < n; ++v) {
+    m.key_fixed[v] <<= max_degree * pair_bits;
+    CanonVertex& x = m.vtx[v];
+    for (int s = 0; s < x.d; ++s)
+      x.neighbours[s].pair = static_cast<int>(std::lower_bound(codes, codes + ncodes, x.neighbours[s].code) - codes) * n;
+  }
+}
+
+}  // namespace
+
 void load_graph(CanonState& m, const Graph& g) {
   const int n = g.vs;
   TAVRIX_CHECK(n >= 1 && n <= m.cap);
@@ -80,9 +142,10 @@ void load_graph(CanonState& m, const Graph& g) {
     int s = 0;
     for (int j = g.v[k]; j < g.v[k + 1]; ++j) {
       m.adj[k * m.cap + g.e[j]] = g.el[j] + 1;
-      x.neighbours[s++] = NeighbourRef{g.el[j] + 1, g.e[j]};
+      x.neighbours[s++] = NeighbourRef{g.el[j] + 1, g.e[j], 0};
     }
   }
+  set_up_packed_keys(m);
 }
 
 void store_graph(const CanonState& m, Graph& g) {
@@ -142,4 +205,10 @@ void copy_state(const CanonState& src, CanonState& dst) {
     std::copy_n(src.adj.begin() + u * src.cap, n, dst.adj.begin() + u * dst.cap);
   std::copy_n(src.part.begin(), n + 1, dst.part.begin());
   std::copy_n(src.newpart.begin(), n + 1, dst.newpart.begin());
+  dst.packed = src.packed;
+  dst.cell_shift = src.cell_shift;
+  dst.pair_bits = src.pair_bits;
+  dst.first_pair_shift = src.first_pair_shift;
+  std::copy_n(src.key_fixed.begin(), n, dst.key_fixed.begin());
+  std::copy_n(src.key.begin(), n, dst.key.begin());
 }

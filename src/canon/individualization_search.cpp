@@ -23,6 +23,9 @@ void copy_partition(const CanonState& src, CanonState& dst) {
 }
 
 void individualize(CanonState& m, int v, const SaveArea& save) {
+  // v's cell has another vertex, so cell indices stay below vs (as packed
+  // keys need) after those behind v move up.
+  TAVRIX_CHECK(m.parts < m.vs);
   std::copy_n(m.perm.begin(), m.vs, save.perm);
   std::copy_n(m.perm_inv.begin(), m.vs, save.perm_inv);
   for (int k = 0; k < m.vs; ++k) save.p[k] = m.vtx[k].p;

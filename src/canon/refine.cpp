@@ -1,5 +1,6 @@
 // Colour refinement: orders the vertices by numbering-independent properties
 // and splits them into cells until the cells stop multiplying.
+#include <cstdint>
 #include <utility>
 
 #include "canon/canon_internal.h"
@@ -19,6 +20,70 @@ void selection_sort(T* items, int n, Less less) {
       if (less(items[t], items[kept])) kept = t;
     if (kept != s) std::swap(items[s], items[kept]);
   }
+}
+
+// Fills m.key from the current cells (see CanonState::packed). A vertex
+// alone with its p is told from every other by p, so the rest of its key is
+// never read and its neighbour pairs are left out.
+void fill_keys(CanonState& m) {
+  int members[64] = {};  // packed keys need vs <= 64, so p < 64
+  for (int v = 0; v < m.vs; ++v) ++members[m.vtx[v].p];
+  unsigned pairs[64];  // a key holds at most 64 pairs of one bit
+  for (int v = 0; v < m.vs; ++v) {
+    const CanonVertex& x = m.vtx[v];
+    if (members[x.p] == 1) {
+      m.key[v] = static_cast<std::uint64_t>(x.p) << m.cell_shift;
+      continue;
+    }
+    for (int s = 0; s < x.d; ++s) {
+      const NeighbourRef& r = x.neighbours[s];
+      const unsigned pair = static_cast<unsigned>(r.pair + m.vtx[r.vertex].p);
+      int q = s;
+      for (; q > 0 && pairs[q - 1] > pair; --q) pairs[q] = pairs[q - 1];
+      pairs[q] = pair;
+    }
+    std::uint64_t key = static_cast<std::uint64_t>(x.p) << m.cell_shift | m.key_fixed[v];
+    int shift = m.first_pair_shift;
+    for (int s = 0; s < x.d; ++s, shift -= m.pair_bits) key |= static_cast<std::uint64_t>(pairs[s]) << shift;
+    m.key[v] = key;
+  }
+}
+
+// sort_vertices on packed keys. Keys order vertices exactly as
+// compare_vertices does, so the selection sort makes the same moves.
+void sort_by_keys(CanonState& m) {
+  fill_keys(m);
+  const std::uint64_t* key = m.key.data();
+  int* perm = m.perm.data();
+  const int n = m.vs;
+  // The selection sort moves nothing in an array already in order, which is
+  // what the last pass of every refinement meets; checking is cheaper.
+  int t = 1;
+  while (t < n && key[perm[t - 1]] <= key[perm[t]]) ++t;
+  if (t < n) selection_sort(perm, n, [key](int a, int b) { return key[a] < key[b]; });
+  for (int k = 0; k < n; ++k) m.perm_inv[perm[k]] = k;
+}
+
+// One refinement pass after the sort: cell indices into P and the new
+// bounds. Each vertex is compared with the first vertex of its run, and
+// neighbours' cells are read from `p`, which changes only after the pass.
+template <class Same>
+void number_cells(CanonState& m, Same same) {
+  CanonVertex* leader = &m.vtx[m.perm[0]];
+  leader->P = 0;
+  m.newpart[0] = 0;
+  for (int k = 1; k < m.vs; ++k) {
+    CanonVertex& x = m.vtx[m.perm[k]];
+    if (same(*leader, x)) {
+      x.P = leader->P;
+    } else {
+      x.P = leader->P + 1;
+      m.newpart[x.P] = k;
+      leader = &x;
+    }
+  }
+  m.newparts = leader->P + 1;
+  m.newpart[m.newparts] = m.vs;
 }
 
 }  // namespace
@@ -43,6 +108,10 @@ int compare_vertices(const CanonState& m, const CanonVertex& a, const CanonVerte
 }
 
 void sort_vertices(CanonState& m) {
+  if (m.packed) {
+    sort_by_keys(m);
+    return;
+  }
   for (int k = 0; k < m.vs; ++k) {
     CanonVertex& x = m.vtx[k];
     selection_sort(x.neighbours.data(), x.d, [&m](const NeighbourRef& a, const NeighbourRef& b) {
@@ -56,28 +125,16 @@ void sort_vertices(CanonState& m) {
 }
 
 void refine(CanonState& m) {
-  // `parts` may describe a deeper level than the current `p` values (after a
-  // level is restored); the pass then yields no more cells and ends the loop.
+  // Passes go on while they add cells; the first one always runs.
   int previous = 0;
   while (m.parts > previous) {
     sort_vertices(m);
-    // Each vertex is compared with the first vertex of its run, and neighbours'
-    // cells are read from `p`, which changes only after the whole pass.
-    CanonVertex* leader = &m.vtx[m.perm[0]];
-    leader->P = 0;
-    m.newpart[0] = 0;
-    for (int k = 1; k < m.vs; ++k) {
-      CanonVertex& x = m.vtx[m.perm[k]];
-      if (compare_vertices(m, *leader, x) == 0) {
-        x.P = leader->P;
-      } else {
-        x.P = leader->P + 1;
-        m.newpart[x.P] = k;
-        leader = &x;
-      }
+    if (m.packed) {
+      const std::uint64_t* key = m.key.data();
+      number_cells(m, [key](const CanonVertex& a, const CanonVertex& b) { return key[a.r] == key[b.r]; });
+    } else {
+      number_cells(m, [&m](const CanonVertex& a, const CanonVertex& b) { return compare_vertices(m, a, b) == 0; });
     }
-    m.newparts = leader->P + 1;
-    m.newpart[m.newparts] = m.vs;
     previous = m.parts;
     m.parts = m.newparts;
     for (int c = 0; c <= m.parts; ++c) m.part[c] = m.newpart[c];
