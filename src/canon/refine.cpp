@@ -138,6 +138,15 @@ void refine(CanonState& m) {
     previous = m.parts;
     m.parts = m.newparts;
     for (int c = 0; c <= m.parts; ++c) m.part[c] = m.newpart[c];
-    for (int k = 0; k < m.vs; ++k) m.vtx[k].p = m.vtx[k].P;
+    bool settled = true;
+    for (int k = 0; k < m.vs; ++k) {
+      CanonVertex& x = m.vtx[k];
+      settled &= x.p == x.P;
+      x.p = x.P;
+    }
+    // A pass that gave every vertex back its p is a fixed point: the next one
+    // would see the same cells, sort nothing and find the same cells again,
+    // which ends the loop. Stopping here leaves every field as that pass would.
+    if (settled) break;
   }
 }
