@@ -65,30 +65,47 @@ void restore_level(CanonState& m, const SaveArea& save) {
   m.newparts = m.parts;
 }
 
-void individualization_search(CanonState& m, int c, int prev, CanonState& best) {
+namespace {
+
+// The search below one level. `before` is the sign of the comparison with
+// best of the rows before position c, which are the same in every trial of
+// the level: cells before c are single vertices that individualizing and
+// refining within cell c or later cannot move. So rows 0..c compare as
+// `before` unless it is 0, when row c decides, exactly as comparing them all
+// would; `before` is recomputed whenever best changes. Returns whether best
+// changed anywhere below.
+bool search_from(CanonState& m, int c, int prev, CanonState& best, int before) {
   if (m.parts != m.vs) {
     TAVRIX_CHECK(m.part[c + 1] - m.part[c] > 1);
     const int pindex = first_open_cell(m, 0);
     TAVRIX_CHECK(pindex != -1);
     TAVRIX_CHECK(pindex == c);
     const SaveArea save = take_save_area(m.vs);
+    bool changed = false;
     // Every trial starts from the level's cells and order (restored below),
     // so the bounds of cell c hold for the whole loop.
     const int first = m.part[c], end = m.part[c + 1];
     for (int k = first; k < end; ++k) {
       individualize(m, m.perm[k], save);
       TAVRIX_CHECK(m.parts <= m.vs);
-      // Cells before c are single vertices, so cell c starts at position c
-      // and now holds just the vertex fixed: rows 0..c are settled.
-      if (compare_rows(m, best, 0, c) >= 0) {
+      // Cell c starts at position c and now holds just the vertex fixed:
+      // rows 0..c are settled.
+      const int upto_c = before != 0 ? before : compare_rows(m, best, c, c);
+      if (upto_c >= 0) {
         int next = first_open_cell(m, c + 1);
         if (next == -1) next = m.vs - 1;
-        individualization_search(m, next, c, best);
+        // The cells between c and next are single vertices too.
+        int upto_next = upto_c;
+        if (upto_next == 0 && m.parts != m.vs && next > c + 1) upto_next = compare_rows(m, best, c + 1, next - 1);
+        if (search_from(m, next, c, best, upto_next)) {
+          changed = true;
+          before = c > 0 ? compare_rows(m, best, 0, c - 1) : 0;
+        }
       }
       restore_level(m, save);
     }
     release_save_area(m.vs);
-    return;
+    return changed;
   }
   // A leaf. The best record starts as the refined, non-discrete record, so
   // the first leaf is always taken; later ones must be strictly greater over
@@ -96,5 +113,13 @@ void individualization_search(CanonState& m, int c, int prev, CanonState& best) 
   if (best.parts != best.vs || compare_rows(m, best, prev, c) > 0) {
     copy_permutation(m, best);
     copy_partition(m, best);
+    return true;
   }
+  return false;
+}
+
+}  // namespace
+
+void individualization_search(CanonState& m, int c, int prev, CanonState& best) {
+  search_from(m, c, prev, best, c > 0 && m.parts != m.vs ? compare_rows(m, best, 0, c - 1) : 0);
 }
