@@ -22,13 +22,24 @@ void copy_partition(const CanonState& src, CanonState& dst) {
   dst.parts = src.parts;
 }
 
-void individualize(CanonState& m, int v, const SaveArea& save) {
+namespace {
+
+// Single loops rather than one copy call per array: records here are a few
+// vertices long, where the calls cost more than the copying.
+void save_level(const CanonState& m, const SaveArea& save) {
+  for (int k = 0; k < m.vs; ++k) {
+    save.perm[k] = m.perm[k];
+    save.perm_inv[k] = m.perm_inv[k];
+    save.p[k] = m.vtx[k].p;
+  }
+}
+
+// individualize without saving: every trial of a level starts from the same
+// record, so the search saves it once per level.
+void individualize_vertex(CanonState& m, int v) {
   // v's cell has another vertex, so cell indices stay below vs (as packed
   // keys need) after those behind v move up.
   TAVRIX_CHECK(m.parts < m.vs);
-  std::copy_n(m.perm.begin(), m.vs, save.perm);
-  std::copy_n(m.perm_inv.begin(), m.vs, save.perm_inv);
-  for (int k = 0; k < m.vs; ++k) save.p[k] = m.vtx[k].p;
   // v keeps its cell index; the rest of its cell and every later cell move up
   // one, so cell indices stay consecutive and v sorts to the cell's front.
   bool hit = false;
@@ -42,6 +53,13 @@ void individualize(CanonState& m, int v, const SaveArea& save) {
   refine(m);
 }
 
+}  // namespace
+
+void individualize(CanonState& m, int v, const SaveArea& save) {
+  save_level(m, save);
+  individualize_vertex(m, v);
+}
+
 // The saved record is one that refinement ended on: its order is sorted
 // under its cells, and a further pass finds the same cells, numbered as they
 // are (so P equals p). Re-sorting and refining it, as the level was first
@@ -51,18 +69,20 @@ void individualize(CanonState& m, int v, const SaveArea& save) {
 // and comparisons read those lists only after sorting them again.
 void restore_level(CanonState& m, const SaveArea& save) {
   const int n = m.vs;
-  std::copy_n(save.perm, n, m.perm.begin());
-  std::copy_n(save.perm_inv, n, m.perm_inv.begin());
-  for (int k = 0; k < n; ++k) m.vtx[k].p = m.vtx[k].P = save.p[k];
   // Cells are numbered in position order, so each starts where p steps up.
   int c = 0;
-  m.part[0] = 0;
-  for (int k = 1; k < n; ++k)
-    if (save.p[save.perm[k]] != save.p[save.perm[k - 1]]) m.part[++c] = k;
-  m.parts = c + 1;
-  m.part[m.parts] = n;
-  std::copy_n(m.part.begin(), m.parts + 1, m.newpart.begin());
-  m.newparts = m.parts;
+  m.part[0] = m.newpart[0] = 0;
+  for (int k = 0; k < n; ++k) {
+    m.perm[k] = save.perm[k];
+    m.perm_inv[k] = save.perm_inv[k];
+    m.vtx[k].p = m.vtx[k].P = save.p[k];
+    if (k > 0 && save.p[save.perm[k]] != save.p[save.perm[k - 1]]) {
+      ++c;
+      m.part[c] = m.newpart[c] = k;
+    }
+  }
+  m.parts = m.newparts = c + 1;
+  m.part[m.parts] = m.newpart[m.parts] = n;
 }
 
 namespace {
@@ -81,12 +101,13 @@ bool search_from(CanonState& m, int c, int prev, CanonState& best, int before) {
     TAVRIX_CHECK(pindex != -1);
     TAVRIX_CHECK(pindex == c);
     const SaveArea save = take_save_area(m.vs);
+    save_level(m, save);
     bool changed = false;
     // Every trial starts from the level's cells and order (restored below),
     // so the bounds of cell c hold for the whole loop.
     const int first = m.part[c], end = m.part[c + 1];
     for (int k = first; k < end; ++k) {
-      individualize(m, m.perm[k], save);
+      individualize_vertex(m, m.perm[k]);
       TAVRIX_CHECK(m.parts <= m.vs);
       // Cell c starts at position c and now holds just the vertex fixed:
       // rows 0..c are settled.
