@@ -56,11 +56,19 @@ void sort_by_keys(CanonState& m) {
   const std::uint64_t* key = m.key.data();
   int* perm = m.perm.data();
   const int n = m.vs;
-  // The selection sort moves nothing in an array already in order, which is
-  // what the last pass of every refinement meets; checking is cheaper.
-  int t = 1;
-  while (t < n && key[perm[t - 1]] <= key[perm[t]]) ++t;
-  if (t < n) selection_sort(perm, n, [key](int a, int b) { return key[a] < key[b]; });
+  // The selection sort leaves slot s alone when nothing after it is smaller,
+  // and then the next slot sees the same array: every slot before the first
+  // one with something smaller behind it keeps its vertex. Finding that slot
+  // takes one sweep from the back; often (always in the last pass of a
+  // refinement) there is none.
+  int first = n;
+  std::uint64_t smallest = key[perm[n - 1]];
+  for (int s = n - 2; s >= 0; --s) {
+    const std::uint64_t here = key[perm[s]];
+    if (here > smallest) first = s;
+    else smallest = here;
+  }
+  if (first < n) selection_sort(perm + first, n - first, [key](int a, int b) { return key[a] < key[b]; });
   for (int k = 0; k < n; ++k) m.perm_inv[perm[k]] = k;
 }
 
