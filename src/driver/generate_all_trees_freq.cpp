@@ -65,7 +65,9 @@ int run(int argc, char** argv) {
     const int threshold = static_cast<int>(t);
     std::printf("threshold = %d\n", threshold);
     table.threshold = threshold;
-    const std::vector<int> forms = counter.number_length(table, threshold);
+    // Past the longest fragment found nothing is left to number.
+    const std::vector<int> forms =
+        threshold <= counter.longest() ? counter.number_length(table, threshold) : std::vector<int>();
     idmap.resize(static_cast<std::size_t>(table.total) + 1, -1);
     issue_descriptors(counter, forms, settings, input.dictionary, idmap, k, structure.get());
     std::printf("total upto this threshold = %d,value of k = %d\n", table.total, k);

@@ -258,6 +258,7 @@ void FragmentCounter::record(int n) {
     fatal_error("Option not valid\n");
   }
   ++fragments_;
+  longest_ = std::max(longest_, n);
   std::vector<Occurrence>& list = by_length_[n];
   if (memo_.last_compound[f] == compid_) {
     ++list[memo_.last_position[f]].count;

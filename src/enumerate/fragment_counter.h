@@ -52,6 +52,8 @@ class FragmentCounter {
   const FormNumbers& numbers() const { return numbers_; }
   // Fragments found (occurrences counted) so far, for progress reports.
   long long fragments() const { return fragments_; }
+  // The longest length with a fragment counted so far (0 for none).
+  int longest() const { return longest_; }
 
  private:
   void visit(int n);
@@ -71,6 +73,7 @@ class FragmentCounter {
   FragmentMemo memo_;
   FormNumbers numbers_;
   long long fragments_ = 0;
+  int longest_ = 0;
 
   // The compound being searched.
   const Graph* g_ = nullptr;
