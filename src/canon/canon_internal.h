@@ -57,8 +57,8 @@ struct CanonState {
 
 inline int adj_at(const CanonState& m, int u, int w) { return m.adj[u * m.cap + w]; }
 
-// Views into the storage of one search level: the state of the working
-// record before the level's current vertex was individualized.
+// Views into the storage of one search level: the working record as the
+// level found it, which every trial of the level starts from.
 struct SaveArea {
   int* perm = nullptr;
   int* perm_inv = nullptr;

@@ -64,7 +64,8 @@ namespace {
 
 // Distinct codes beyond this many leave the keys unpacked.
 constexpr int MAX_PACKED_CODES = 16;
-// Vertex indices fit the low bits of the words ranked below.
+// Vertex indices, and so cell indices, then fit in 6 bits: the low bits of
+// the words ranked below, and the per-cell counts of a refinement pass.
 constexpr int MAX_PACKED_VERTICES = 64;
 
 int bits_for(int largest) { return static_cast<int>(std::bit_width(static_cast<unsigned>(largest))); }

@@ -62,11 +62,11 @@ void individualize(CanonState& m, int v, const SaveArea& save) {
 
 // The saved record is one that refinement ended on: its order is sorted
 // under its cells, and a further pass finds the same cells, numbered as they
-// are (so P equals p). Re-sorting and refining it, as the level was first
-// restored, therefore leaves the order untouched, rebuilds the same perm_inv
-// and recomputes part and newpart from p; copying gives those very values.
-// Only the arrangement of equal entries in the neighbour lists may differ,
-// and comparisons read those lists only after sorting them again.
+// are (so P equals p). Re-sorting and refining it would leave the order
+// untouched, rebuild the same perm_inv and recompute part and newpart from
+// p; copying gives those very values. Only the arrangement of equal entries
+// in the neighbour lists may differ from what re-sorting would leave, and
+// comparisons read those lists only after sorting them again.
 void restore_level(CanonState& m, const SaveArea& save) {
   const int n = m.vs;
   // Cells are numbered in position order, so each starts where p steps up.

@@ -512,13 +512,13 @@ TEST(LabellingReference, RandomTreesAndGraphsRenumbered) {
 TEST(LabellingReference, MoleculeLikeTreesWithLargeCellsOfHydrogens) {
   std::mt19937 rng(20250612);
   int individualized = 0;
-  for (int round = 0; round < 500; ++round) {
+  for (int round = 0; round < 300; ++round) {
     const Graph g = renumbered(molecule_like(rng), rng);
     expect_same_labelling(g);
     individualized += largest_cell(g) >= SEARCH_CELL_LIMIT;
     ASSERT_FALSE(HasFailure()) << "round " << round;
   }
-  EXPECT_GT(individualized, 100);
+  EXPECT_GT(individualized, 75);
 }
 
 TEST(LabellingReference, StarsTwinCentresAndHydrogenChainsInEveryFamily) {
