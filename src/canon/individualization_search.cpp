@@ -43,9 +43,11 @@ void individualize_vertex(CanonState& m, int v) {
   // v keeps its cell index; the rest of its cell and every later cell move up
   // one, so cell indices stay consecutive and v sorts to the cell's front.
   bool hit = false;
-  for (int q = m.part[m.vtx[v].p]; q < m.vs; ++q) {
-    if (m.perm[q] == v) hit = true;
-    else ++m.vtx[m.perm[q]].p;
+  const int* perm = m.perm.data();
+  CanonVertex* vtx = m.vtx.data();
+  for (int q = m.part[vtx[v].p], n = m.vs; q < n; ++q) {
+    if (perm[q] == v) hit = true;
+    else ++vtx[perm[q]].p;
   }
   TAVRIX_CHECK(hit);
   // Refinement's first pass sorts under these cells; a sort before it would

@@ -26,26 +26,29 @@ void selection_sort(T* items, int n, Less less) {
 // alone with its p is told from every other by p, so the rest of its key is
 // never read and its neighbour pairs are left out.
 void fill_keys(CanonState& m) {
+  const int n = m.vs, cell_shift = m.cell_shift, pair_bits = m.pair_bits;
+  const CanonVertex* vtx = m.vtx.data();
+  std::uint64_t* keys = m.key.data();
   int members[64] = {};  // packed keys need vs <= 64, so p < 64
-  for (int v = 0; v < m.vs; ++v) ++members[m.vtx[v].p];
+  for (int v = 0; v < n; ++v) ++members[vtx[v].p];
   unsigned pairs[64];  // a key holds at most 64 pairs of one bit
-  for (int v = 0; v < m.vs; ++v) {
-    const CanonVertex& x = m.vtx[v];
+  for (int v = 0; v < n; ++v) {
+    const CanonVertex& x = vtx[v];
     if (members[x.p] == 1) {
-      m.key[v] = static_cast<std::uint64_t>(x.p) << m.cell_shift;
+      keys[v] = static_cast<std::uint64_t>(x.p) << cell_shift;
       continue;
     }
+    const NeighbourRef* nb = x.neighbours.data();
     for (int s = 0; s < x.d; ++s) {
-      const NeighbourRef& r = x.neighbours[s];
-      const unsigned pair = static_cast<unsigned>(r.pair + m.vtx[r.vertex].p);
+      const unsigned pair = static_cast<unsigned>(nb[s].pair + vtx[nb[s].vertex].p);
       int q = s;
       for (; q > 0 && pairs[q - 1] > pair; --q) pairs[q] = pairs[q - 1];
       pairs[q] = pair;
     }
-    std::uint64_t key = static_cast<std::uint64_t>(x.p) << m.cell_shift | m.key_fixed[v];
+    std::uint64_t key = static_cast<std::uint64_t>(x.p) << cell_shift | m.key_fixed[v];
     int shift = m.first_pair_shift;
-    for (int s = 0; s < x.d; ++s, shift -= m.pair_bits) key |= static_cast<std::uint64_t>(pairs[s]) << shift;
-    m.key[v] = key;
+    for (int s = 0; s < x.d; ++s, shift -= pair_bits) key |= static_cast<std::uint64_t>(pairs[s]) << shift;
+    keys[v] = key;
   }
 }
 
@@ -77,21 +80,25 @@ void sort_by_keys(CanonState& m) {
 // neighbours' cells are read from `p`, which changes only after the pass.
 template <class Same>
 void number_cells(CanonState& m, Same same) {
-  CanonVertex* leader = &m.vtx[m.perm[0]];
+  // Locals, so that the stores below cannot be taken to change them.
+  const int n = m.vs;
+  const int* perm = m.perm.data();
+  CanonVertex* vtx = m.vtx.data();
+  int* newpart = m.newpart.data();
+  CanonVertex* leader = &vtx[perm[0]];
+  int cell = 0;
   leader->P = 0;
-  m.newpart[0] = 0;
-  for (int k = 1; k < m.vs; ++k) {
-    CanonVertex& x = m.vtx[m.perm[k]];
-    if (same(*leader, x)) {
-      x.P = leader->P;
-    } else {
-      x.P = leader->P + 1;
-      m.newpart[x.P] = k;
+  newpart[0] = 0;
+  for (int k = 1; k < n; ++k) {
+    CanonVertex& x = vtx[perm[k]];
+    if (!same(*leader, x)) {
+      newpart[++cell] = k;
       leader = &x;
     }
+    x.P = cell;
   }
-  m.newparts = leader->P + 1;
-  m.newpart[m.newparts] = m.vs;
+  m.newparts = cell + 1;
+  newpart[cell + 1] = n;
 }
 
 }  // namespace
@@ -144,13 +151,13 @@ void refine(CanonState& m) {
       number_cells(m, [&m](const CanonVertex& a, const CanonVertex& b) { return compare_vertices(m, a, b) == 0; });
     }
     previous = m.parts;
-    m.parts = m.newparts;
-    for (int c = 0; c <= m.parts; ++c) m.part[c] = m.newpart[c];
+    const int parts = m.parts = m.newparts;
+    for (int c = 0; c <= parts; ++c) m.part[c] = m.newpart[c];
     bool settled = true;
-    for (int k = 0; k < m.vs; ++k) {
-      CanonVertex& x = m.vtx[k];
-      settled &= x.p == x.P;
-      x.p = x.P;
+    CanonVertex* vtx = m.vtx.data();
+    for (int k = 0, n = m.vs; k < n; ++k) {
+      settled &= vtx[k].p == vtx[k].P;
+      vtx[k].p = vtx[k].P;
     }
     // A pass that gave every vertex back its p is a fixed point: the next one
     // would see the same cells, sort nothing and find the same cells again,
