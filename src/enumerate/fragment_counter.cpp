@@ -27,7 +27,12 @@ std::uint64_t mix(std::uint64_t x) {
 // Past this many buckets the pool takes no more steps.
 constexpr std::size_t MAX_POOL = std::size_t{1} << 23;
 
-std::size_t step_home(std::uint32_t key, std::uint32_t mask) { return ((key * 0x9E3779B1u) >> 11) & mask; }
+// Every bit of the key reaches the low bits the small tables use.
+std::size_t step_home(std::uint32_t key, std::uint32_t mask) {
+  std::uint32_t h = (key ^ (key >> 16)) * 0x45d9f3bu;
+  h ^= h >> 16;
+  return h & mask;
+}
 
 // A hash of the arrays that make a canonical form (the table's key is only
 // needed once per form, and costs a step per byte).
@@ -80,9 +85,8 @@ int FragmentCounter::find_or_add_form(const GraphView& g) {
   m.arrays.insert(m.arrays.end(), g.el, g.el + g.es);
   m.forms.push_back(added);
   m.forms.back().key = compute_key(form(f));
-  FormHot hot;
-  hot.bonds = static_cast<std::uint16_t>(std::min(g.es / 2, 65535));
-  m.hot.push_back(hot);
+  m.hot.emplace_back();
+  m.steps_used.push_back(0);
   bool branching = false;
   for (int i = 0; i < g.vs && !branching; ++i) branching = g.v[i + 1] - g.v[i] > 2;
   m.branching.push_back(branching);
@@ -128,7 +132,8 @@ void FragmentCounter::add_step(int form, std::uint32_t key, int grown, const std
   FragmentMemo& m = memo_;
   FormHot& hot = m.hot[form];
   // Tables stay at most three quarters full.
-  if (hot.steps < 0 || 4 * (hot.used + 1) > 3 * (hot.mask + 1)) {
+  std::uint32_t& used = m.steps_used[form];
+  if (hot.steps < 0 || 4 * (used + 1) > 3 * (hot.mask + 1)) {
     const std::uint32_t size = hot.steps < 0 ? 4 : 2 * (hot.mask + 1);
     const int size_class = std::countr_zero(size);
     if (static_cast<int>(m.free_tables.size()) <= size_class) m.free_tables.resize(size_class + 1);
@@ -168,7 +173,7 @@ void FragmentCounter::add_step(int form, std::uint32_t key, int grown, const std
     m.long_moves.insert(m.long_moves.end(), moves, moves + nmoves);
     std::memcpy(bucket.moves, &at, sizeof at);
   }
-  ++hot.used;
+  ++used;
   ++m.steps;
 }
 
@@ -459,8 +464,7 @@ std::vector<int> FragmentCounter::number_length(FragmentTable& table, int thresh
     const int size = table.csrcount[c].size;
     for (; p < size; ++p) {
       const int f = list[p].id;
-      const int bonds = memo_.hot[f].bonds;
-      if (bonds < 65535 ? bonds != threshold : memo_.forms[f].vs != threshold + 1) break;
+      if (memo_.forms[f].vs != threshold + 1) break;
       // A compound lists a form at most once per length: every entry is a
       // first occurrence in its compound.
       if (numbers_.id[f] < 0) {

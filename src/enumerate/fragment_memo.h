@@ -71,13 +71,12 @@ struct alignas(16) StepBucket {
 struct FormHot {
   std::int32_t steps = -1;  // -1: no step out of this form yet
   std::uint32_t mask = 0;
-  std::uint32_t used = 0;
-  std::uint16_t bonds = 0;  // the form's length, saturated
 };
 
 struct FragmentMemo {
   std::vector<FragmentForm> forms;
   std::vector<FormHot> hot;  // parallel to forms
+  std::vector<std::uint32_t> steps_used;  // steps in each form's table
   std::vector<int> arrays;   // every form's arrays
 
   // Per form, apart so that the check made for every set reads 4 bytes: the
