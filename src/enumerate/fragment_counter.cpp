@@ -213,6 +213,10 @@ void FragmentCounter::visit(int n) {
   std::uint64_t* saved = &saved_[static_cast<std::size_t>(n) * words];
   std::copy(excluded_.begin(), excluded_.end(), saved);
   const std::uint64_t* candidates = n == 0 ? all_.data() : &frontier_[static_cast<std::size_t>(n) * words];
+  if (n + 1 == maxdepth_ && n >= 1 && grown_[n] && n + 2 <= MAX_GROWN_VERTICES) {
+    count_leaves(n, candidates);
+    return;
+  }
   for (;;) {
     int s = -1;
     for (int w = 0; w < words; ++w) {
@@ -227,6 +231,36 @@ void FragmentCounter::visit(int n) {
     excluded_[s / 64] |= std::uint64_t{1} << (s % 64);
   }
   std::copy(saved, saved + words, excluded_.begin());
+}
+
+// The sets one bond larger than this one are the longest searched: nothing
+// grows from them, so deciding them in turn is just looking each one's step
+// up and counting it (no row, no frontier, no exclusion seen by anyone).
+void FragmentCounter::count_leaves(int n, const std::uint64_t* candidates) {
+  const int* parent = row(n);
+  const int* vl = g_->vl.data();
+  const bool counted = n + 1 >= first_;
+  for (int w = 0; w < t_.words; ++w) {
+    for (std::uint64_t live = candidates[w] & ~excluded_[w]; live != 0; live &= live - 1) {
+      const int s = w * 64 + std::countr_zero(live);
+      const int a = t_.slot[s].first - 1, b = t_.slot[s].second - 1;
+      const int inside = marked_[a] ? a : b, outside = marked_[a] ? b : a;
+      const int label = t_.label[s];
+      const StepBucket* step = nullptr;
+      if (vl[outside] >= 0 && vl[outside] < (1 << 16) && label >= 0 && label < (1 << 8)) {
+        int pos = 0;
+        while (parent[pos] != inside) ++pos;
+        step = find_step(form_[n], static_cast<std::uint32_t>(pos) << 24 | static_cast<std::uint32_t>(label) << 16 |
+                                       static_cast<std::uint32_t>(vl[outside]));
+      }
+      if (step != nullptr && step->form >= 0) {
+        form_[n + 1] = step->form;
+        if (counted) record(n + 1);
+      } else {
+        include(n, s);
+      }
+    }
+  }
 }
 
 void FragmentCounter::include(int n, int s) {

@@ -58,6 +58,7 @@ class FragmentCounter {
  private:
   void visit(int n);
   void include(int n, int s);
+  void count_leaves(int n, const std::uint64_t* candidates);
   void grow(int n, int a, int b, int label);
   void record(int n);
   const StepBucket* find_step(int form, std::uint32_t key) const;
