@@ -36,9 +36,12 @@ void issue_descriptors(const FragmentCounter& counter, const std::vector<int>& f
 int run(int argc, char** argv) {
   const RunSettings settings = parse_arguments(argc, argv);
   FragmentTable table;
-  FilePtr structure = open_file(settings.outfstem + "_frag.sdf", "w");
   // Fewer, larger writes for the tens of megabytes of structure records.
-  std::setvbuf(structure.get(), nullptr, _IOFBF, 1 << 20);
+  // glibc takes the size only together with a buffer, and the buffer must
+  // outlive the stream (declared first, it is released after the close).
+  std::vector<char> structure_buffer(1 << 20);
+  FilePtr structure = open_file(settings.outfstem + "_frag.sdf", "w");
+  std::setvbuf(structure.get(), structure_buffer.data(), _IOFBF, structure_buffer.size());
   CompoundInput input = read_compounds(settings, table);
   const int n = static_cast<int>(input.compounds.size());
 
