@@ -21,16 +21,19 @@ median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 # Sets (fragments enumerated) of one run: the occurrence counts of the descriptor file.
 count_fragments() { awk -F, '{for (i = 4; i <= NF; i += 2) s += $i} END {print s + 0}' "$1"; }
 
-# Maps a profile symbol to the stage it belongs to.
+# Maps a profile symbol to the stage it belongs to. The search counts every
+# length of a compound in one go; "labelling" is the lookup of each set's
+# canonical form (growth steps) plus the labelling of steps not seen before,
+# "fragment graph" the building of those steps' graphs.
 stage_of() {
   case "$1" in
-    *read_line*|*next_line*|*tokenize*|*sd_*|*mol2_*|*_IO_getc*|*fgets*|*label_dictionary*|*read_compounds*|*field_digits*|*memchr*) echo reading ;;
-    *SubtreeSearch*|*enumerate*|*build_slot_table*) echo enumeration ;;
-    *FormGrower*|*find_or_add_form*|*add_step*|*_Hashtable*) echo "labelling (grown forms)" ;;
-    *fill_fragment_graph*|*build_adjacency*|*bond_label*|*fill_fragment*) echo "fragment graph" ;;
-    *canonical_label*|*sort_vertices*|*refine*|*store_graph*|*load_graph*|*compare_rows*|*permutation*|*individual*|*copy_state*|*compute_key*|*place_cell*|*search*) echo labelling ;;
-    *insert_fragment*|*count_in_slot*|*compare_graphs*|*occurrence*|*create_table*|*current_slots*) echo table ;;
-    *printf*|*write_*|*xsputn*|*_IO_*|*itoa*|*strchrnul*|*fputs*|*descriptor*) echo writing ;;
+    *read_line*|*next_line*|*InputLines*|*tokenize*|*sd_*|*mol2_*|*_IO_getc*|*fgets*|*label_dictionary*|*read_compounds*|*field_digits*|*memchr*|*skip_to_record_end*|*atom_symbol*|*first_token_is*|*label_index*|*field_value*|*find_vertex_by_id*|*_copy_to_iter*) echo reading ;;
+    *FragmentCounter::visit*|*FragmentCounter::include*|*count_leaves*|*count_compound*|*FragmentCounter::record*|*build_slot_table*|*SubtreeSearch*) echo enumeration ;;
+    *label_grown*|*fill_fragment_graph*|*build_adjacency*|*bond_label*|*label_exactly*) echo "fragment graph" ;;
+    *FragmentCounter::grow*|*find_step*|*add_step*|*find_or_add_form*|*form_hash*|*same_form*|*FragmentCounter::form*|*canonical_*|*refine*|*sort_vertices*|*fill_keys*|*compare_rows*|*permutation*|*individual*|*restore_level*|*copy_state*|*compute_key*|*place_cell*|*search*|*_Hashtable*|*memcmp*) echo labelling ;;
+    *number_length*|*claim_slot*|*introsort*|*insertion_sort*|*issue_descriptors*) echo table ;;
+    *write_*|*put_int*|*to_chars*|*sd_atom_line*|*fwrite*|*_IO_*|*mpage_*|*ext4*|*folio*|*filemap*|*copy_from_iter*|*vfs_write*|*generic_perform_write*) echo writing ;;
+    *page_fault*|*clear_page*|*alloc_pages*|*mm_fault*|*anonymous_page*|*malloc*|*free*|*memmove*|*memset*|*_int_*|*unlink_chunk*|*memcg*|*kmem_cache*) echo memory ;;
     *) echo other ;;
   esac
 }
@@ -53,7 +56,8 @@ bench() {  # name input args...
     perf report -i "$dir/perf.data" --no-children --stdio --sort symbol 2> /dev/null |
       awk '/^ +[0-9.]+%/ {p = $1; sub("%", "", p); $1 = ""; $2 = ""; print p "\t" $0}' |
       while IFS=$'\t' read -r p sym; do printf '%s\t%s\n' "$(stage_of "$sym")" "$p"; done |
-      awk -F'\t' '{s[$1] += $2} END {for (k in s) printf "    %-15s %5.1f%%\n", k, s[k]}' | sort -k2 -rn
+      awk -F'\t' '{s[$1] += $2} END {for (k in s) printf "%.1f\t%s\n", s[k], k}' | sort -rn |
+      awk -F'\t' '{printf "    %-15s %5.1f%%\n", $2, $1}'
   fi
   echo "$t" > "$work/$name.time"
 }
