@@ -23,7 +23,11 @@ namespace {
 void issue_descriptors(const FragmentCounter& counter, const std::vector<int>& forms, const RunSettings& settings,
                        const LabelDictionary& dict, std::vector<int>& idmap, int& k, std::FILE* structure) {
   const FormNumbers& numbers = counter.numbers();
-  for (int f : forms) {
+  const std::size_t count = forms.size();
+  for (std::size_t i = 0; i < count; ++i) {
+    const int f = forms[i];
+    if (i + 8 < count) counter.prefetch_form(forms[i + 8], false);
+    if (i + 4 < count) counter.prefetch_form(forms[i + 4], true);
     if (numbers.support[f] < settings.fmin) continue;
     idmap[numbers.id[f]] = ++k;
     const HashEntry slot{1, numbers.support[f], numbers.id[f], -1};

@@ -64,6 +64,17 @@ GraphView FragmentCounter::form(int f) const {
   return GraphView{form.vs, form.es, form.key, v, e, e + form.es, vl};
 }
 
+void FragmentCounter::prefetch_form(int f, bool arrays) const {
+  const FragmentForm& form = memo_.forms[f];
+  if (!arrays) {
+    __builtin_prefetch(&form);
+    return;
+  }
+  const char* start = reinterpret_cast<const char*>(memo_.arrays.data() + form.at);
+  const std::size_t bytes = sizeof(int) * (2 * static_cast<std::size_t>(form.vs) + 1 + 2 * form.es);
+  for (std::size_t offset = 0; offset < bytes; offset += 64) __builtin_prefetch(start + offset);
+}
+
 int FragmentCounter::find_or_add_form(const GraphView& g) {
   FragmentMemo& m = memo_;
   if (m.form_bucket.empty()) m.form_bucket.assign(1 << 12, FormBucket{});

@@ -49,6 +49,9 @@ class FragmentCounter {
 
   // The canonical form f; valid until the next compound is counted.
   GraphView form(int f) const;
+  // Asks the processor to fetch form f's record, or (arrays) its arrays, ahead
+  // of their use: forms are written in slot order, far from where they lie.
+  void prefetch_form(int f, bool arrays) const;
   const FormNumbers& numbers() const { return numbers_; }
   // Fragments found (occurrences counted) so far, for progress reports.
   long long fragments() const { return fragments_; }
