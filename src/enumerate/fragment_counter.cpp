@@ -508,6 +508,12 @@ std::vector<int> FragmentCounter::number_length(FragmentTable& table, int thresh
     int p = table.csrcount[c].offset;
     const int size = table.csrcount[c].size;
     for (; p < size; ++p) {
+      // Entries ahead still hold forms (this length's or a longer one's),
+      // whose records lie anywhere.
+      if (p + 8 < size) {
+        __builtin_prefetch(&memo_.forms[list[p + 8].id]);
+        __builtin_prefetch(&numbers_.id[list[p + 8].id]);
+      }
       const int f = list[p].id;
       if (memo_.forms[f].vs != threshold + 1) break;
       // A compound lists a form at most once per length: every entry is a
