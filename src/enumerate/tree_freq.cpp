@@ -34,7 +34,6 @@ struct PlainEmitter {
   const Graph& compound;
   int compid;
   FragmentContext& ctx;
-  void grow(const EdgeSet&, const std::vector<char>&) {}
   void emit(const EdgeSet& s) { emit_fragment(s, compound, compid, ctx); }
 };
 

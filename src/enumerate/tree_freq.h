@@ -29,9 +29,7 @@ struct SlotTable {
 
 void build_slot_table(const Graph& g, SlotTable& t);
 
-// The visitor sees every set on the search path: grow(set, marked) right
-// after a bond joins the set (marked: the fragment's vertices before it
-// joined, 0-based), and emit(set) for every complete set.
+// The visitor's emit(set) sees every complete set, in the search order.
 template <class Visitor>
 class SubtreeSearch {
  public:
@@ -66,7 +64,6 @@ class SubtreeSearch {
     // Include branch: the set grows by s, its new vertices join the fragment.
     set_.edge[depth] = {a, b};
     set_.size = depth + 1;
-    visitor_.grow(set_, marked_);
     if (depth + 1 < threshold_) {
       std::uint64_t* next = &frontier_[static_cast<std::size_t>(depth + 1) * t_.words];
       const std::uint64_t* cur = &frontier_[static_cast<std::size_t>(depth) * t_.words];
@@ -116,7 +113,6 @@ template <class Emit>
 void enumerate_subtrees(const Graph& g, int threshold, Emit&& emit) {
   struct Adapter {
     Emit& f;
-    void grow(const EdgeSet&, const std::vector<char>&) {}
     void emit(const EdgeSet& s) { f(s); }
   };
   SlotTable t;
