@@ -54,6 +54,10 @@ bool same_form(const GraphView& a, const GraphView& b) {
 
 FragmentCounter::FragmentCounter(int lmin, int lmax, int opt) : lmin_(lmin), lmax_(lmax), opt_(opt) {
   create_occupancy(numbers_.occupancy);
+  // Room for the forms and steps of a typical set of thousands of compounds:
+  // address space only until used, and it spares the copies of doubling.
+  memo_.arrays.reserve(std::size_t{1} << 22);
+  memo_.pool.reserve(std::size_t{1} << 18);
 }
 
 GraphView FragmentCounter::form(int f) const {
