@@ -67,15 +67,10 @@ TEST(ptr_array, sorted_insertion_goes_after_equal_items) {
 
 // fopen accepts a folder for reading on Linux; reading it would then fail in
 // ways that look like an empty file, so the folder is refused by name.
-TEST(open_file, refuses_a_folder_for_reading) {
-  const std::string dir = testsupport::make_temp_dir();
-  EXPECT_EXIT_WITH_OUTPUT(open_file(dir, "r"), 1, "^can't open a file '" + dir + "'\n$");
-  testsupport::remove_tree(dir);
-}
-
-TEST(open_file, refuses_a_file_below_a_plain_file) {
+TEST(open_file, refuses_a_folder_for_reading_and_a_file_below_a_plain_file) {
   const std::string dir = testsupport::make_temp_dir();
   testsupport::write_file(dir + "/plain", "x");
+  EXPECT_EXIT_WITH_OUTPUT(open_file(dir, "r"), 1, "^can't open a file '" + dir + "'\n$");
   EXPECT_EXIT_WITH_OUTPUT(open_file(dir + "/plain/x", "w"), 1, "^can't open a file '" + dir + "/plain/x'\n$");
   testsupport::remove_tree(dir);
 }
@@ -92,17 +87,13 @@ std::vector<std::pair<std::string, std::size_t>> read_all(const std::string& con
   return lines;
 }
 
-TEST(read_line, grows_by_five_then_doubling_increments) {
+TEST(read_line, grows_by_five_then_doubling_increments_and_reads_a_last_line_without_newline) {
   using Lines = std::vector<std::pair<std::string, std::size_t>>;
   EXPECT_EQ(read_all("abcdefgh\n", 10), (Lines{{"abcdefgh\n", 10}}));        // exactly size-1 with newline
   EXPECT_EQ(read_all("abcdefghi\n", 10), (Lines{{"abcdefghi\n", 15}}));      // one longer: +5
   EXPECT_EQ(read_all(std::string(20, 'x') + "\n", 10), (Lines{{std::string(20, 'x') + "\n", 25}}));  // +5 +10
   EXPECT_EQ(read_all(std::string(40, 'x') + "\nab\n", 10),
             (Lines{{std::string(40, 'x') + "\n", 45}, {"ab\n", 45}}));     // +5 +10 +20, kept afterwards
-}
-
-TEST(read_line, last_line_without_newline) {
-  using Lines = std::vector<std::pair<std::string, std::size_t>>;
   EXPECT_EQ(read_all("a\nlast", 10), (Lines{{"a\n", 10}, {"last", 10}}));
   EXPECT_EQ(read_all("a\n123456789", 10), (Lines{{"a\n", 10}}));  // fills the buffer, then end of file
   EXPECT_EQ(read_all("", 10), Lines{});
