@@ -165,27 +165,28 @@ TEST(CanonSteps, NextCellPermutationCyclesThroughEveryArrangementBackToTheStart)
   EXPECT_EQ(m.perm, (std::vector<int>{2, 0, 1}));
 }
 
-TEST(CanonSteps, RefinementPutsTheMiddleOfAThreeChainInItsOwnFirstCell) {
-  CanonState m;
-  create_state(m, 3);
-  load_graph(m, make_graph({1, 1, 1}, {{0, 1, 0}, {1, 2, 0}}));
-  refine(m);
-  EXPECT_EQ(m.parts, 2);
-  EXPECT_EQ(m.perm[0], 1);
-  EXPECT_EQ(m.vtx[0].p, 1);
-  EXPECT_EQ(m.vtx[2].p, 1);
-}
-
-TEST(CanonSteps, RefinementSplitsAFourChainWithOneOddEndIntoSingleVertices) {
-  // First pass: {middles}, {end 1}, {end 2}; the second tells the middles
-  // apart by their neighbours' cells.
-  CanonState m;
-  create_state(m, 4);
-  load_graph(m, make_graph({1, 1, 1, 2}, {{0, 1, 0}, {1, 2, 0}, {2, 3, 0}}));
-  refine(m);
-  EXPECT_EQ(m.parts, 4);
-  EXPECT_EQ(std::vector<int>(m.perm.begin(), m.perm.end()), (std::vector<int>{1, 2, 0, 3}));
-  for (int k = 0; k < 4; ++k) EXPECT_EQ(m.vtx[m.perm[k]].p, k);
+TEST(CanonSteps, RefinementSplitsChainsByTheirNeighboursCells) {
+  // Three-chain: the middle alone in the first cell, the ends together.
+  // Four-chain with one odd end: first {middles}, {end 1}, {end 2}; the
+  // second pass tells the middles apart by their neighbours' cells.
+  struct Case {
+    Graph input;
+    int parts;
+    std::vector<int> perm, p;  // p: each vertex's cell, by where it starts
+  };
+  const Case cases[] = {
+      {make_graph({1, 1, 1}, {{0, 1, 0}, {1, 2, 0}}), 2, {1}, {1, 0, 1}},
+      {make_graph({1, 1, 1, 2}, {{0, 1, 0}, {1, 2, 0}, {2, 3, 0}}), 4, {1, 2, 0, 3}, {2, 0, 1, 3}},
+  };
+  for (const Case& c : cases) {
+    CanonState m;
+    create_state(m, c.input.vs);
+    load_graph(m, c.input);
+    refine(m);
+    EXPECT_EQ(m.parts, c.parts);
+    EXPECT_EQ(std::vector<int>(m.perm.begin(), m.perm.begin() + c.perm.size()), c.perm);
+    for (int k = 0; k < c.input.vs; ++k) EXPECT_EQ(m.vtx[k].p, c.p[k]) << k;
+  }
 }
 
 // ---- Random trees -----------------------------------------------------------
