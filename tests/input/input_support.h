@@ -78,10 +78,6 @@ inline std::string exactly(const std::string& text) {
 #define EXPECT_INPUT_REFUSED(path, flags, output) \
   EXPECT_EXIT_WITH_OUTPUT(inputtest::run_quietly(path, flags), 1, inputtest::exactly(output))
 
-inline std::string label_of_vertex(const CompoundInput& in, const Graph& g, int k) {
-  return in.dictionary.vertex_labels.items.at(g.vl.at(k));
-}
-
 // Every bond once, as "i-j:label" with 0-based i < j, in adjacency order.
 inline std::vector<std::string> bonds_of(const CompoundInput& in, const Graph& g) {
   std::vector<std::string> out;
@@ -104,7 +100,7 @@ inline Census census(const CompoundInput& in) {
   for (const Graph& g : in.compounds) {
     c.atoms += g.vs;
     c.bonds += g.es / 2;
-    for (int k = 0; k < g.vs; ++k) ++c.per_atom_label[label_of_vertex(in, g, k)];
+    for (int k = 0; k < g.vs; ++k) ++c.per_atom_label[in.dictionary.vertex_labels.items.at(g.vl[k])];
     for (int i = 0; i < g.vs; ++i)
       for (int j = g.v[i]; j < g.v[i + 1]; ++j)
         if (i < g.e[j]) ++c.per_bond_label[in.dictionary.edge_labels.items.at(g.el[j])];
