@@ -27,6 +27,25 @@ std::uint64_t mix(std::uint64_t x) {
 // Past this many buckets the pool takes no more steps.
 constexpr std::size_t MAX_POOL = std::size_t{1} << 23;
 
+// A step's labels fit its key: 8 bits of bond label, 16 of atom label.
+bool step_labels_fit(int bond_label, int atom_label) {
+  return bond_label >= 0 && bond_label < (1 << 8) && atom_label >= 0 && atom_label < (1 << 16);
+}
+
+// The key of the step that joins an atom labelled atom_label by a bond
+// labelled bond_label to the smaller form's position pos.
+std::uint32_t step_key(int pos, int bond_label, int atom_label) {
+  return static_cast<std::uint32_t>(pos) << 24 | static_cast<std::uint32_t>(bond_label) << 16 |
+         static_cast<std::uint32_t>(atom_label);
+}
+
+// The canonical position of a compound atom in a set's row.
+int position_in(const int* row, int atom) {
+  int pos = 0;
+  while (row[pos] != atom) ++pos;
+  return pos;
+}
+
 // Every bit of the key reaches the low bits the small tables use.
 std::size_t step_home(std::uint32_t key, std::uint32_t mask) {
   std::uint32_t h = (key ^ (key >> 16)) * 0x45d9f3bu;
@@ -189,7 +208,6 @@ void FragmentCounter::add_step(int form, std::uint32_t key, int grown, const std
     std::memcpy(bucket.moves, &at, sizeof at);
   }
   ++used;
-  ++m.steps;
 }
 
 void FragmentCounter::count_compound(const Graph& compound, int compid, std::vector<Occurrence>& entries) {
@@ -262,12 +280,8 @@ void FragmentCounter::count_leaves(int n, const std::uint64_t* candidates) {
       const int inside = marked_[a] ? a : b, outside = marked_[a] ? b : a;
       const int label = t_.label[s];
       const StepBucket* step = nullptr;
-      if (vl[outside] >= 0 && vl[outside] < (1 << 16) && label >= 0 && label < (1 << 8)) {
-        int pos = 0;
-        while (parent[pos] != inside) ++pos;
-        step = find_step(form_[n], static_cast<std::uint32_t>(pos) << 24 | static_cast<std::uint32_t>(label) << 16 |
-                                       static_cast<std::uint32_t>(vl[outside]));
-      }
+      if (step_labels_fit(label, vl[outside]))
+        step = find_step(form_[n], step_key(position_in(parent, inside), label, vl[outside]));
       if (step != nullptr && step->form >= 0) {
         form_[n + 1] = step->form;
         if (counted) record(n + 1);
@@ -356,17 +370,14 @@ void FragmentCounter::grow(int n, int a, int b, int label) {
   const bool a_inside = marked_[a] != 0;
   const int inside = a_inside ? a : b, outside = a_inside ? b : a;
   const int* parent = row(n - 1);
-  const bool fits = grown_[n - 1] && n + 1 <= MAX_GROWN_VERTICES && g.vl[outside] >= 0 &&
-                    g.vl[outside] < (1 << 16) && label >= 0 && label < (1 << 8);
+  const bool fits = grown_[n - 1] && n + 1 <= MAX_GROWN_VERTICES && step_labels_fit(label, g.vl[outside]);
   if (!fits) {
     // Off the grown path: remembered by the whole fragment graph.
     label_exactly(n, true);
     return;
   }
-  int pos = 0;
-  while (parent[pos] != inside) ++pos;
-  const std::uint32_t key = static_cast<std::uint32_t>(pos) << 24 | static_cast<std::uint32_t>(label) << 16 |
-                            static_cast<std::uint32_t>(g.vl[outside]);
+  const int pos = position_in(parent, inside);
+  const std::uint32_t key = step_key(pos, label, g.vl[outside]);
   if (const StepBucket* s = find_step(form_[n - 1], key)) {
     if (s->form >= 0) {
       form_[n] = s->form;

@@ -96,7 +96,6 @@ struct FragmentMemo {
   std::vector<StepBucket> pool;
   std::vector<std::vector<std::uint32_t>> free_tables;
   std::vector<std::uint8_t> long_moves;
-  std::size_t steps = 0;
 
   // Steps of a first bond, keyed by (lower atom label, higher atom label,
   // bond label).

@@ -45,7 +45,6 @@ void release_stored(FragmentTable& table) {
   table.stored.clear();
   table.stored_slot.clear();
   table.last.clear();
-  ++table.generation;
 }
 
 std::vector<int> current_slots(const FragmentTable& table) {

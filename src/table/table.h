@@ -42,7 +42,6 @@ struct FragmentTable {
   std::vector<Graph> stored;                  // copies of the current length's fragments
   std::vector<int> stored_slot;               // slot of each stored copy, parallel to stored
   std::vector<LastOccurrence> last;           // per stored copy, parallel to stored
-  int generation = 0;                         // changes whenever stored copies are released
   int threshold = 0;                          // current fragment length (run-wide)
   int total = 0;                              // distinct fragments so far; the last id issued
   std::vector<std::vector<Occurrence>> csr;   // per compound
