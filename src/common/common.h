@@ -14,8 +14,12 @@
 
 // Prints the message unchanged on standard output and ends the process with
 // status 1. Open C streams are flushed by std::exit, so everything already
-// written to an output file survives.
+// written to an output file survives. Under RaiseFailures it throws Failure
+// instead (see below).
 [[noreturn]] void fatal_error(std::string_view message);
+
+// The same for the few messages that belong on standard error.
+[[noreturn]] void fatal_error_on_stderr(std::string_view message);
 
 // Every orderly end of the process goes through here: fatal_error, the
 // line reader's argument checks and the command line's usage exits.
@@ -29,11 +33,47 @@ struct ProcessExit {
   int status;
 };
 
+// A failure that a host process must survive (the Python module): the
+// message the program would have printed, and the stream it belongs on.
+// Derives from nothing, like ProcessExit, so that no catch of std::exception
+// in between can swallow it.
+struct Failure {
+  std::string message;
+  bool on_stderr = false;
+};
+
+// While one of these lives, failures on this thread throw Failure (with
+// nothing printed) instead of ending the process. Nestable.
+class RaiseFailures {
+ public:
+  RaiseFailures();
+  ~RaiseFailures();
+  RaiseFailures(const RaiseFailures&) = delete;
+  RaiseFailures& operator=(const RaiseFailures&) = delete;
+
+ private:
+  bool previous_;
+};
+bool failures_raise();
+
+// A hook consulted just before a failure is reported on this thread: when it
+// returns a message, that message is reported instead. The input uses it to
+// report a file that changed under it rather than whatever the change made
+// the readers stumble over.
+using FailureOverride = std::string (*)(const void* context);
+struct FailureOverrideScope {
+  FailureOverrideScope(FailureOverride hook, const void* context);
+  ~FailureOverrideScope();
+  FailureOverride previous_hook;
+  const void* previous_context;
+};
+
 // printf-style formatting into a std::string (for messages with values).
 std::string format_text(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
 // A condition that only a bug can break: prints its text on standard error
-// and ends with status 1 (never a signal), in every build type.
+// and ends with status 1 (never a signal), in every build type; under
+// RaiseFailures it throws Failure.
 [[noreturn]] void internal_error(const char* condition, const char* file, int line);
 #define TAVRIX_CHECK(cond) \
   do { if (!(cond)) internal_error(#cond, __FILE_NAME__, __LINE__); } while (0)
@@ -53,6 +93,11 @@ using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 // Opens the file or ends the run with "can't open a file '<name>'".
 // A directory opened for reading counts as a file that cannot be opened.
 FilePtr open_file(const std::string& name, const char* mode);
+
+// Flushes and closes an output file. A write that failed on the way (a full
+// disk, a file size limit) ends the run with "can't write a file '<name>':
+// <reason>".
+void close_output(FilePtr file, const std::string& name);
 
 // ---- Growable array and label sets ----------------------------------------
 

@@ -1,7 +1,9 @@
 // The single way out of the process on failure, and checked allocation.
 #include "common/common.h"
 
+#include <cerrno>
 #include <cstdarg>
+#include <cstring>
 #include <cstdlib>
 #include <new>
 #include <sys/stat.h>
@@ -15,10 +17,47 @@ void end_process(int status) {
 #endif
 }
 
-void fatal_error(std::string_view message) {
-  std::fwrite(message.data(), 1, message.size(), stdout);
+namespace {
+thread_local bool raise_failures = false;
+thread_local FailureOverride override_hook = nullptr;
+thread_local const void* override_context = nullptr;
+
+[[noreturn]] void fail(std::string_view message, bool on_stderr) {
+  std::string replaced;
+  if (override_hook != nullptr) {
+    // The hook may fail itself; it must not see its own failure again.
+    const FailureOverride hook = override_hook;
+    override_hook = nullptr;
+    replaced = hook(override_context);
+    override_hook = hook;
+    if (!replaced.empty()) {
+      message = replaced;
+      on_stderr = false;
+    }
+  }
+  if (raise_failures) throw Failure{std::string(message), on_stderr};
+  if (on_stderr) std::fflush(stdout);
+  std::fwrite(message.data(), 1, message.size(), on_stderr ? stderr : stdout);
   end_process(1);
 }
+}  // namespace
+
+RaiseFailures::RaiseFailures() : previous_(raise_failures) { raise_failures = true; }
+RaiseFailures::~RaiseFailures() { raise_failures = previous_; }
+bool failures_raise() { return raise_failures; }
+
+FailureOverrideScope::FailureOverrideScope(FailureOverride hook, const void* context)
+    : previous_hook(override_hook), previous_context(override_context) {
+  override_hook = hook;
+  override_context = context;
+}
+FailureOverrideScope::~FailureOverrideScope() {
+  override_hook = previous_hook;
+  override_context = previous_context;
+}
+
+void fatal_error(std::string_view message) { fail(message, false); }
+void fatal_error_on_stderr(std::string_view message) { fail(message, true); }
 
 std::string format_text(const char* fmt, ...) {
   va_list args;
@@ -34,6 +73,7 @@ std::string format_text(const char* fmt, ...) {
 }
 
 void internal_error(const char* condition, const char* file, int line) {
+  if (raise_failures) throw Failure{format_text("%s:%d: internal check failed: %s\n", file, line, condition), true};
   std::fflush(stdout);
   std::fprintf(stderr, "%s:%d: internal check failed: %s\n", file, line, condition);
 #ifdef TAVRIX_FUZZ_EXITS
@@ -67,4 +107,13 @@ FilePtr open_file(const std::string& name, const char* mode) {
   }
   if (f == nullptr) fatal_error(format_text("can't open a file '%s'\n", name.c_str()));
   return FilePtr(f);
+}
+
+void close_output(FilePtr file, const std::string& name) {
+  std::FILE* f = file.release();
+  int error = 0;
+  if (std::fflush(f) != 0) error = errno;
+  if (std::ferror(f) != 0 && error == 0) error = EIO;
+  if (std::fclose(f) != 0 && error == 0) error = errno;
+  if (error != 0) fatal_error(format_text("can't write a file '%s': %s\n", name.c_str(), std::strerror(error)));
 }

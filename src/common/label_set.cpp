@@ -35,9 +35,12 @@ int edge_label_index(std::string_view label, const LabelDictionary& dict) {
 int vertex_label_index(std::string_view label, const LabelDictionary& dict) {
   std::int64_t i = array_index_of(label, dict.vertex_labels, compare_labels);
   if (i == -1) {
-    for (const std::string& known : dict.vertex_labels.items) std::printf("%s\n", known.c_str());
-    fatal_error(format_text("can't find a vertex label '%.*s' in the label set\n",
-                            static_cast<int>(label.size()), label.data()));
+    // The known labels first, one a line, as "%s" prints them (up to a NUL).
+    std::string message;
+    for (const std::string& known : dict.vertex_labels.items) message += format_text("%s\n", known.c_str());
+    message += format_text("can't find a vertex label '%.*s' in the label set\n", static_cast<int>(label.size()),
+                           label.data());
+    fatal_error(message);
   }
   return static_cast<int>(i);
 }

@@ -24,8 +24,7 @@ std::size_t read_some(char* dst, std::size_t want, std::FILE* stream) {
 
 bool read_line(std::vector<char>& buffer, std::size_t& size, std::FILE* stream) {
   if (size < 2) {
-    std::fprintf(stderr, "%s:%d: input buffer size must be greater than 1\n", __FILE_NAME__, __LINE__);
-    end_process(1);
+    fatal_error_on_stderr(format_text("%s:%d: input buffer size must be greater than 1\n", __FILE_NAME__, __LINE__));
   }
   if (buffer.size() < size) buffer.resize(size);
   std::size_t got = read_some(buffer.data(), size - 1, stream);

@@ -84,7 +84,7 @@ int run(int argc, char** argv) {
   input.compounds = {};
   input.dictionary = {};
   write_descriptor_file(settings.outfstem, table, idmap, input.compound_names);
-  std::remove((settings.infile + ".dict").c_str());
+  remove_dictionary_file(settings.infile);
   return 1;
 }
 

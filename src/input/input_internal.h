@@ -115,11 +115,40 @@ int leading_number(std::string_view text);
 // is taken (the caller decides what that means).
 int note_atom_label(std::string_view label, int known, std::vector<std::string>& atom_label_list);
 
-// Writes the dictionary file's head: the comment line and the bond labels.
+// The input of one run as every pass opens it: a file, checked to be the same
+// unchanged file at every opening, or bytes in memory.
+struct InputFile {
+  std::string name;
+  const std::string* text = nullptr;  // when set, read from memory
+  bool watched = false;               // `first` holds the file's state
+  struct FileState {
+    unsigned long long dev = 0, ino = 0;
+    long long size = 0, mtime_sec = 0, mtime_nsec = 0;
+    bool operator==(const FileState&) const = default;
+  } first;
+};
+
+// Opens the input for one pass. The first opening refuses anything but a
+// regular file and records its state; later ones refuse a file whose state
+// has changed since.
+FilePtr open_pass(InputFile& input);
+bool input_has_changed(const InputFile& input);
+[[noreturn]] void refuse_changed_input(const InputFile& input);
+
+// Creates the dictionary file (never through a symbolic link) and writes its
+// head: the comment line and the bond labels.
 FilePtr create_dictionary_file(const std::string& dict_name, bool mol2);
+
+// Closes the dictionary file, making sure every line reached the disk.
+void finish_dictionary_file(FilePtr dict, const std::string& dict_name);
 
 // Reads a label dictionary file back into sets sorted in byte order.
 LabelDictionary load_label_dictionary(const std::string& file_name);
+
+// The dictionary load_label_dictionary would read back from the file that
+// create_dictionary_file and finish_dictionary_file write with these labels,
+// with the same refusals.
+LabelDictionary dictionary_of_labels(bool mol2, const std::vector<std::string>& labels);
 
 // What the dictionary pass hands on to the graph pass.
 struct DictionaryScan {
@@ -128,9 +157,10 @@ struct DictionaryScan {
   // The graph pass refuses that record when it reaches it, so that messages
   // of earlier records keep their turn.
   int label_overflow_record = -1;
+  std::vector<std::string> labels;  // distinct atom labels, in order of first appearance
 };
 
-// The atom label list of the dictionary pass and the file it feeds.
+// The atom label list of the dictionary pass and the file it feeds, if any.
 struct LabelCollector {
   std::FILE* dict = nullptr;
   std::vector<std::string> atom_label_list = std::vector<std::string>(MAX_ATOM_LABELS);
@@ -139,25 +169,29 @@ struct LabelCollector {
 };
 
 // Notes one atom label of record `record` (0-based): a new one is written as
-// "V <label>"; once the list is full, the record is remembered and nothing
+// "V <label>" as soon as it is met, so a run that stops leaves the labels
+// found so far; once the list is full, the record is remembered and nothing
 // more is noted.
 void collect_atom_label(LabelCollector& labels, std::string_view label, int record);
+
+// The scan's result from the collector.
+DictionaryScan finish_scan(LabelCollector& labels, int compounds);
 
 // The message of a record whose labels overflowed the list.
 [[noreturn]] void refuse_label_overflow(const RecordRef& record);
 
 // ---- SD reader ----
 
-DictionaryScan scan_sd_labels(const RunSettings& settings, const std::string& dict_name);
-std::vector<Graph> allocate_sd_graphs(const RunSettings& settings, int n);
-void read_sd_graphs(const RunSettings& settings, FilePtr stream, std::vector<Graph>& compounds,
+DictionaryScan scan_sd_labels(const RunSettings& settings, InputFile& input, std::FILE* dict);
+std::vector<Graph> allocate_sd_graphs(const RunSettings& settings, InputFile& input, int n);
+void read_sd_graphs(const RunSettings& settings, const InputFile& input, FilePtr stream, std::vector<Graph>& compounds,
                     std::vector<std::string>& compound_names, const LabelDictionary& dict,
                     const DictionaryScan& scan, int& n_out);
 
 // ---- Mol2 reader ----
 
-DictionaryScan scan_mol2_labels(const RunSettings& settings, const std::string& dict_name);
-std::vector<Graph> allocate_mol2_graphs(const RunSettings& settings, int n);
-void read_mol2_graphs(const RunSettings& settings, FilePtr stream, std::vector<Graph>& compounds,
+DictionaryScan scan_mol2_labels(const RunSettings& settings, InputFile& input, std::FILE* dict);
+std::vector<Graph> allocate_mol2_graphs(const RunSettings& settings, InputFile& input, int n);
+void read_mol2_graphs(const RunSettings& settings, const InputFile& input, FilePtr stream, std::vector<Graph>& compounds,
                       std::vector<std::string>& compound_names, const LabelDictionary& dict,
                       const DictionaryScan& scan, int& n_out);

@@ -2,6 +2,10 @@
 // list of the dictionary pass, the dictionary file and its loader.
 #include "input/input_internal.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -131,10 +135,10 @@ void tokenize_line(std::string_view line, TokenArray& tokens) {
     if (count == MAX_TOKENS) {
       // The split copy of the line reads, from its start, as its leading
       // spaces and the first token.
-      std::printf("total items in this transaction = %d,id = %s,str = %s\n", MAX_TOKENS,
-                  std::string(tokens.slot[MAX_TOKENS - 1]).c_str(),
-                  std::string(text.substr(0, first + tokens.slot[0].size())).c_str());
-      fatal_error("memory for array not sufficient\n");
+      fatal_error(format_text("total items in this transaction = %d,id = %s,str = %s\n", MAX_TOKENS,
+                              std::string(tokens.slot[MAX_TOKENS - 1]).c_str(),
+                              std::string(text.substr(0, first + tokens.slot[0].size())).c_str()) +
+                  "memory for array not sufficient\n");
     }
     while (p != end && *p == ' ') ++p;
   }
@@ -171,41 +175,153 @@ void collect_atom_label(LabelCollector& labels, std::string_view label, int reco
   if (found == -1) {
     labels.overflow_record = record;
   } else if (found == 0) {
-    std::fprintf(labels.dict, "V %.*s\n", static_cast<int>(label.size()), label.data());
+    if (labels.dict != nullptr) std::fprintf(labels.dict, "V %.*s\n", static_cast<int>(label.size()), label.data());
     ++labels.known;
   }
+}
+
+DictionaryScan finish_scan(LabelCollector& labels, int compounds) {
+  DictionaryScan scan{compounds, labels.overflow_record, {}};
+  labels.atom_label_list.resize(labels.known);
+  scan.labels = std::move(labels.atom_label_list);
+  return scan;
 }
 
 void refuse_label_overflow(const RecordRef& record) {
   refuse_record(record, format_text("the file holds more than %d distinct atom labels", MAX_ATOM_LABELS));
 }
 
+namespace {
+
+const char DICTIONARY_HEAD[] = "# number of vertices, # of edges is 4\n";
+const char SD_BOND_LABELS[] = "E -\nE =\nE #\nE ~\n";
+const char MOL2_BOND_LABELS[] = "E -\nE =\nE #\nE ~\nE *\n";
+
+// Opens a dictionary file without following a symbolic link left at its
+// name (which could point anywhere) and without blocking on a FIFO there.
+std::FILE* open_no_follow(const std::string& name, bool write) {
+  const int flags = (write ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY) | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const int fd = open(name.c_str(), flags, 0666);
+  if (fd < 0) return nullptr;
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    close(fd);
+    return nullptr;
+  }
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  std::FILE* f = fdopen(fd, write ? "w" : "r");
+  if (f == nullptr) close(fd);
+  return f;
+}
+
+// One line of a dictionary file: a comment, or a type letter, whitespace and
+// a label up to the next whitespace. `line` is what "%s" would see of it.
+void add_dictionary_line(const char* line, LabelDictionary& dict) {
+  auto is_space = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
+  if (line[0] == '#') return;
+  if (line[0] != 'E' && line[0] != 'V') fatal_error("invalid line at");
+  const char* p = line + 1;
+  while (*p != '\0' && is_space(*p)) ++p;
+  const char* end = p;
+  while (*end != '\0' && !is_space(*end)) ++end;
+  if (end == p) fatal_error("wrong formatted line at");
+  std::string_view label(p, end - p);
+  if (line[0] == 'E') add_edge_label(label, dict);
+  else add_vertex_label(label, dict);
+}
+
+}  // namespace
+
 FilePtr create_dictionary_file(const std::string& dict_name, bool mol2) {
-  FilePtr dict = open_file(dict_name, "w");
-  std::fputs("# number of vertices, # of edges is 4\n", dict.get());
-  std::fputs(mol2 ? "E -\nE =\nE #\nE ~\nE *\n" : "E -\nE =\nE #\nE ~\n", dict.get());
+  FilePtr dict(open_no_follow(dict_name, true));
+  if (!dict) fatal_error(format_text("can't open a file '%s'\n", dict_name.c_str()));
+  std::fputs(DICTIONARY_HEAD, dict.get());
+  std::fputs(mol2 ? MOL2_BOND_LABELS : SD_BOND_LABELS, dict.get());
   return dict;
 }
+
+void finish_dictionary_file(FilePtr dict, const std::string& dict_name) { close_output(std::move(dict), dict_name); }
 
 LabelDictionary load_label_dictionary(const std::string& file_name) {
   LabelDictionary dict = new_label_dictionary();
   std::vector<char> buffer(1024);
   std::size_t size = buffer.size();
-  FilePtr in = open_file(file_name, "r");
-  auto is_space = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
-  while (read_line(buffer, size, in.get())) {
-    const char* line = buffer.data();
-    if (line[0] == '#') continue;
-    if (line[0] != 'E' && line[0] != 'V') fatal_error("invalid line at");
-    // One type letter, any whitespace, then the label up to the next whitespace.
-    const char* p = line + 1;
-    while (*p != '\0' && is_space(*p)) ++p;
-    const char* end = p;
-    while (*end != '\0' && !is_space(*end)) ++end;
-    if (end == p) fatal_error("wrong formatted line at");
-    std::string_view label(p, end - p);
-    if (line[0] == 'E') add_edge_label(label, dict);
-    else add_vertex_label(label, dict);
+  FilePtr in(open_no_follow(file_name, false));
+  if (!in) fatal_error(format_text("can't open a file '%s'\n", file_name.c_str()));
+  while (read_line(buffer, size, in.get())) add_dictionary_line(buffer.data(), dict);
+  return dict;
+}
+
+LabelDictionary dictionary_of_labels(bool mol2, const std::vector<std::string>& labels) {
+  LabelDictionary dict = new_label_dictionary();
+  std::string text = std::string(DICTIONARY_HEAD) + (mol2 ? MOL2_BOND_LABELS : SD_BOND_LABELS);
+  for (const std::string& label : labels) text += "V " + label + "\n";
+  // The file's lines as read_line hands them back: each up to its line feed.
+  std::string line;
+  for (std::size_t start = 0; start < text.size();) {
+    const std::size_t end = text.find('\n', start);
+    line.assign(text, start, end + 1 - start);
+    add_dictionary_line(line.c_str(), dict);
+    start = end + 1;
   }
   return dict;
+}
+
+// ---- The input file ------------------------------------------------------
+
+namespace {
+
+InputFile::FileState state_of(const struct stat& st) {
+  return InputFile::FileState{static_cast<unsigned long long>(st.st_dev), static_cast<unsigned long long>(st.st_ino),
+                              static_cast<long long>(st.st_size), static_cast<long long>(st.st_mtim.tv_sec),
+                              static_cast<long long>(st.st_mtim.tv_nsec)};
+}
+
+}  // namespace
+
+FilePtr open_pass(InputFile& input) {
+  if (input.text != nullptr) {
+    // fmemopen refuses an empty buffer; an empty input reads like /dev/null.
+    if (input.text->empty()) return open_file("/dev/null", "r");
+    std::FILE* f = fmemopen(const_cast<char*>(input.text->data()), input.text->size(), "r");
+    if (f == nullptr) fatal_error(format_text("can't open a file '%s'\n", input.name.c_str()));
+    return FilePtr(f);
+  }
+  // Not blocking: a FIFO must be refused, not waited on.
+  const int fd = open(input.name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  struct stat st;
+  if (fd < 0 || fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+    if (fd >= 0) close(fd);
+    if (input.watched) refuse_changed_input(input);
+    fatal_error(format_text("can't open a file '%s'\n", input.name.c_str()));
+  }
+  if (!S_ISREG(st.st_mode)) {
+    close(fd);
+    fatal_error(format_text("input file '%s' is not a regular file: it is read several times, so it must be one\n",
+                            input.name.c_str()));
+  }
+  if (!input.watched) {
+    input.first = state_of(st);
+    input.watched = true;
+  } else if (!(state_of(st) == input.first)) {
+    close(fd);
+    refuse_changed_input(input);
+  }
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  std::FILE* f = fdopen(fd, "r");
+  if (f == nullptr) {
+    close(fd);
+    fatal_error(format_text("can't open a file '%s'\n", input.name.c_str()));
+  }
+  return FilePtr(f);
+}
+
+bool input_has_changed(const InputFile& input) {
+  if (!input.watched) return false;
+  struct stat st;
+  return stat(input.name.c_str(), &st) != 0 || !(state_of(st) == input.first);
+}
+
+void refuse_changed_input(const InputFile& input) {
+  fatal_error(format_text("input file changed while it was being read: '%s'\n", input.name.c_str()));
 }

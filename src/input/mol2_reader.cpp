@@ -132,14 +132,13 @@ const char* mol2_bond_label(std::string_view type) {
 
 }  // namespace
 
-DictionaryScan scan_mol2_labels(const RunSettings& settings, const std::string& dict_name) {
-  FilePtr dict = create_dictionary_file(dict_name, true);
-  FilePtr file = open_file(settings.infile, "r");
+DictionaryScan scan_mol2_labels(const RunSettings& settings, InputFile& input, std::FILE* dict) {
+  FilePtr file = open_pass(input);
   Mol2Cursor c(file.get());
   c.advance();
   TokenArray tokens;
   LabelCollector labels;
-  labels.dict = dict.get();
+  labels.dict = dict;
   int count = 0;
   for (Mol2Head h; (h = read_mol2_head(c)).end != HeadEnd::none; ++count) {
     RecordRef record{count + 1, mol2_name(h, count)};
@@ -154,15 +153,12 @@ DictionaryScan scan_mol2_labels(const RunSettings& settings, const std::string& 
     }
     reach_next_molecule(c);
   }
-  dict.reset();
-  file.reset();
-  std::printf("total compounds = %d\n", count);
-  return DictionaryScan{count, labels.overflow_record};
+  return finish_scan(labels, count);
 }
 
-std::vector<Graph> allocate_mol2_graphs(const RunSettings& settings, int n) {
+std::vector<Graph> allocate_mol2_graphs(const RunSettings&, InputFile& input, int n) {
   std::vector<Graph> compounds(n);
-  FilePtr file = open_file(settings.infile, "r");
+  FilePtr file = open_pass(input);
   Mol2Cursor c(file.get());
   c.advance();
   TokenArray tokens;
@@ -197,7 +193,7 @@ std::vector<Graph> allocate_mol2_graphs(const RunSettings& settings, int n) {
   return compounds;
 }
 
-void read_mol2_graphs(const RunSettings& settings, FilePtr stream, std::vector<Graph>& compounds,
+void read_mol2_graphs(const RunSettings& settings, const InputFile& input, FilePtr stream, std::vector<Graph>& compounds,
                       std::vector<std::string>& compound_names, const LabelDictionary& dict,
                       const DictionaryScan& scan, int& n_out) {
   Mol2Cursor c(stream.get());
@@ -210,7 +206,7 @@ void read_mol2_graphs(const RunSettings& settings, FilePtr stream, std::vector<G
   std::vector<EdgeTriple> triples;
   int i = 0;
   for (Mol2Head h; (h = read_mol2_head(c)).end != HeadEnd::none; ++i) {
-    TAVRIX_CHECK(i < static_cast<int>(compounds.size()));
+    if (i >= static_cast<int>(compounds.size())) refuse_changed_input(input);
     Graph& g = compounds[i];
     RecordRef record{i + 1, mol2_name(h, i)};
     compound_names[i] = record.name;
@@ -283,6 +279,6 @@ void read_mol2_graphs(const RunSettings& settings, FilePtr stream, std::vector<G
     build_adjacency(triples, g);
     reach_next_molecule(c);
   }
-  TAVRIX_CHECK(i == static_cast<int>(compounds.size()));
+  if (i != static_cast<int>(compounds.size()) || input_has_changed(input)) refuse_changed_input(input);
   n_out = i;
 }

@@ -92,13 +92,12 @@ struct SdBond {
 
 }  // namespace
 
-DictionaryScan scan_sd_labels(const RunSettings& settings, const std::string& dict_name) {
-  FilePtr dict = create_dictionary_file(dict_name, false);
-  FilePtr file = open_file(settings.infile, "r");
+DictionaryScan scan_sd_labels(const RunSettings&, InputFile& input, std::FILE* dict) {
+  FilePtr file = open_pass(input);
   InputLines in(file.get());
   TokenArray tokens;
   LabelCollector labels;
-  labels.dict = dict.get();
+  labels.dict = dict;
   int count = 0;
   SdHeader h;
   while (read_sd_header(in, h)) {
@@ -120,15 +119,12 @@ DictionaryScan scan_sd_labels(const RunSettings& settings, const std::string& di
     ++count;
     if (file_ended) break;
   }
-  dict.reset();
-  file.reset();
-  std::printf("total compounds = %d\n", count);
-  return DictionaryScan{count, labels.overflow_record};
+  return finish_scan(labels, count);
 }
 
-std::vector<Graph> allocate_sd_graphs(const RunSettings& settings, int n) {
+std::vector<Graph> allocate_sd_graphs(const RunSettings&, InputFile& input, int n) {
   std::vector<Graph> compounds(n);
-  FilePtr file = open_file(settings.infile, "r");
+  FilePtr file = open_pass(input);
   InputLines in(file.get());
   TokenArray tokens;
   SdHeader h;
@@ -145,7 +141,7 @@ std::vector<Graph> allocate_sd_graphs(const RunSettings& settings, int n) {
   return compounds;
 }
 
-void read_sd_graphs(const RunSettings& settings, FilePtr stream, std::vector<Graph>& compounds,
+void read_sd_graphs(const RunSettings& settings, const InputFile& input, FilePtr stream, std::vector<Graph>& compounds,
                     std::vector<std::string>& compound_names, const LabelDictionary& dict,
                     const DictionaryScan& scan, int& n_out) {
   InputLines in(stream.get());
@@ -155,7 +151,7 @@ void read_sd_graphs(const RunSettings& settings, FilePtr stream, std::vector<Gra
   std::vector<EdgeTriple> triples;
   int i = 0;
   for (; read_sd_header(in, h); ++i) {
-    TAVRIX_CHECK(i < static_cast<int>(compounds.size()));
+    if (i >= static_cast<int>(compounds.size())) refuse_changed_input(input);
     Graph& g = compounds[i];
     RecordRef record{i + 1, sd_name(h, i)};
     compound_names[i] = record.name;
@@ -207,6 +203,6 @@ void read_sd_graphs(const RunSettings& settings, FilePtr stream, std::vector<Gra
     build_adjacency(triples, g);
     skip_to_record_end(in, tokens);
   }
-  TAVRIX_CHECK(i == static_cast<int>(compounds.size()));
+  if (i != static_cast<int>(compounds.size()) || input_has_changed(input)) refuse_changed_input(input);
   n_out = i;
 }
