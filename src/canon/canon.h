@@ -8,7 +8,7 @@ constexpr int SEARCH_CELL_LIMIT = 5;
 
 // Relabels g in place (v, e, el, vl, vid rewritten in canonical order) and
 // sets ncell, vcell and key. g satisfies the adjacency invariants, vs >= 1.
-// Not re-entrant: it uses process-wide scratch records.
+// Not re-entrant on one thread: it uses that thread's scratch records.
 void canonical_label(Graph& g);
 
 // The same canonical form by a shorter route, for graphs of at most 32

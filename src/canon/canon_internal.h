@@ -67,7 +67,7 @@ struct SaveArea {
 
 // ---- Scratch records ------------------------------------------------------
 
-// Ensures both process-wide records (and the search's save stack) can hold
+// Ensures both of this thread's records (and the search's save stack) can hold
 // n vertices; they are remade only when n exceeds the capacity.
 void prepare_scratch(int n);
 CanonState& working_state();
@@ -80,7 +80,7 @@ int scratch_capacity();
 SaveArea take_save_area(int vs);
 void release_save_area(int vs);
 
-// A record of the given capacity, independent of the process-wide pair.
+// A record of the given capacity, independent of the per-thread pair.
 void create_state(CanonState& m, int capacity);
 
 // ---- Loading, storing, copying --------------------------------------------

@@ -8,13 +8,15 @@
 
 namespace {
 
-// Reused by every call of canonical_label; remade only for a larger graph.
-CanonState working;
-CanonState best;
-int capacity = 0;
+// Reused by every call of canonical_label on the same thread (each thread
+// has its own pair, so labelling may run on several at once); remade only
+// for a larger graph.
+thread_local CanonState working;
+thread_local CanonState best;
+thread_local int capacity = 0;
 
-std::vector<int> save_stack;
-int save_top = 0;
+thread_local std::vector<int> save_stack;
+thread_local int save_top = 0;
 
 }  // namespace
 

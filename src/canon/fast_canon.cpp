@@ -41,7 +41,7 @@ struct Small {
   bool packed = false;  // keys fit the packed form below
 };
 
-Small s;
+thread_local Small s;  // one per thread: labelling runs on several at once
 
 int compare_keys(int a, int b) {
   const int n = std::min(s.keylen[a], s.keylen[b]);
@@ -241,7 +241,7 @@ bool canonical_order_fast(const SmallGraph& g, int* order) {
 bool canonical_label_fast(Graph& g) {
   const int n = g.vs;
   if (n < 1 || n > MAXV) return false;
-  static SmallGraph in;
+  thread_local SmallGraph in;
   in.n = n;
   for (int u = 0; u < n; ++u) {
     if (g.v[u + 1] - g.v[u] > MAXV) return false;

@@ -16,10 +16,10 @@ int bond_label(const EdgeSet& s, int i, const Graph& compound) {
 }
 
 namespace {
-// Grow-only scratch: fragments arrive by the million and are tiny.
-std::vector<int> fragment_vertices;
-std::vector<EdgeTriple> fragment_triples;
-Graph fragment;
+// Grow-only scratch, one per thread: fragments arrive by the million and are tiny.
+thread_local std::vector<int> fragment_vertices;
+thread_local std::vector<EdgeTriple> fragment_triples;
+thread_local Graph fragment;
 }  // namespace
 
 void fill_fragment_graph(const EdgeSet& s, const Graph& compound, Graph& f, std::vector<int>& vertices) {

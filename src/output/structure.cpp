@@ -11,7 +11,7 @@
 
 namespace {
 
-std::string record;  // grow-only: one record at a time
+thread_local std::string record;  // grow-only: one record at a time (per thread)
 
 void put(std::string_view text) { record.append(text); }
 
@@ -44,7 +44,7 @@ struct AtomLine {
   std::string label;
   std::string line;
 };
-std::vector<AtomLine> sd_atom_lines;
+thread_local std::vector<AtomLine> sd_atom_lines;
 
 const std::string& sd_atom_line(const LabelDictionary& dict, int label_index) {
   const std::string& label = array_item(dict.vertex_labels, label_index);
