@@ -1,0 +1,66 @@
+// Descriptor spaces that carry over to other compounds.
+//
+// A structure file written by a run lists one record per descriptor, in
+// descriptor order; it is all a later program needs to find the same
+// descriptors in new compounds. Each record is the fragment's canonical form
+// as labelling wrote it, with its labels as strings: label numbers are
+// positions in one file's own byte-ordered label set, so the same fragment
+// has other numbers in another file, while the strings carry over. And since
+// labelling orders vertices by comparing labels, and every file numbers its
+// labels in byte order, a fragment of another file comes out of labelling in
+// the very arrangement the record shows: matching the arrays, with labels
+// translated, finds exactly the occurrences the run that wrote the record
+// counted for it.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "input/input.h"
+
+// One descriptor's fragment as its record shows it.
+struct SpaceFragment {
+  int vs = 0;                      // atoms
+  int es = 0;                      // adjacency entries, two per bond
+  std::vector<int> v;              // vs + 1 offsets into e
+  std::vector<int> e;              // far end of each entry, ascending per atom
+  std::vector<std::string> atom;   // atom label of each atom
+  std::vector<std::string> bond;   // bond label of each entry: "-", "=", "#", "~" or "*"
+};
+
+struct DescriptorSpace {
+  std::string name;                        // the structure file, for messages
+  bool mol2 = false;                       // the records are Mol2 records
+  std::vector<SpaceFragment> fragments;    // fragments[d - 1] is descriptor d
+  std::vector<std::string> records;        // the text of each record, as read
+  int shortest = 0, longest = 0;           // bonds of the shortest and longest fragment; 0 for none
+};
+
+// Reads the records of a structure file from text (name names it in
+// messages). Anything but records as a run writes them ends with a message
+// naming the file, the record and the fault: a record cut short, a bond to a
+// missing atom, a record that is not a tree, the same fragment twice. An empty
+// text is an empty space.
+DescriptorSpace read_space(const std::string& name, const std::string& text);
+
+// The same from a file; a missing or unreadable file is refused too.
+DescriptorSpace read_space_file(const std::string& path);
+
+// A compound's descriptors: (descriptor number, count) in the order a run
+// lists them, ascending length first, then first occurrence in the compound.
+using DescriptorPairs = std::vector<std::pair<int, int>>;
+
+struct ApplySummary {
+  long long compounds = 0;
+  long long occurrences_matched = 0;  // fragment occurrences counted for a descriptor
+  long long distinct_found = 0;       // distinct fragments of the searched lengths in the compounds
+  long long distinct_outside = 0;     // of those, the ones no descriptor stands for
+  long long descriptors_found = 0;    // descriptors met in at least one compound
+};
+
+// Finds the space's descriptors in every compound of the input, searching
+// the lengths from the shortest to the longest fragment of the space. rows
+// gets one entry per compound, in input order.
+void apply_space(const DescriptorSpace& space, const CompoundInput& input, std::vector<DescriptorPairs>& rows,
+                 ApplySummary& summary);
