@@ -18,7 +18,7 @@
 #include <new>
 #include <thread>
 
-#include "driver/progress.h"
+#include "common/progress.h"
 #include "enumerate/fragment_counter.h"
 #include "output/output.h"
 #include "table/table.h"
@@ -31,7 +31,10 @@ constexpr int BATCH_COMPOUNDS = 32;
 // A worker's counter remembers every form and growth step it met; past this
 // it starts afresh (the forms are in the run's store already), so memory does
 // not grow with the threads beyond this each.
-constexpr std::size_t MEMO_BUDGET = std::size_t{256} << 20;
+std::size_t memo_budget() {
+  static const std::size_t budget = std::getenv("TAVRIX_MEMO_MB") ? std::size_t(std::atoll(std::getenv("TAVRIX_MEMO_MB"))) << 20 : std::size_t{256} << 20;
+  return budget;
+}
 
 // ---- The form store ----
 
@@ -135,7 +138,7 @@ struct Worker {
 void count_batch(Worker& w, int index, const CountOptions& o, Batch& b) {
   try {
     RaiseFailures raise;
-    if (!w.counter || w.counter->memo_bytes() > MEMO_BUDGET) {
+    if (!w.counter || w.counter->memo_bytes() > memo_budget()) {
       w.counter.reset();
       w.counter = std::make_unique<FragmentCounter>(o.lmin, o.lmax, o.opt);
       ++w.epoch;

@@ -3,7 +3,7 @@
 // every compound again (see fragment_counter.h).
 #include "driver/descriptor_run.h"
 
-#include "driver/progress.h"
+#include "common/progress.h"
 #include "enumerate/fragment_counter.h"
 #include "output/output.h"
 

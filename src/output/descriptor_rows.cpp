@@ -5,6 +5,8 @@
 
 #include "output/output.h"
 
+#include "common/progress.h"
+
 void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const Numbering& numbering) {
   // Megabytes of lines: fewer, larger writes. glibc takes the size only
   // together with a buffer, and the buffer must outlive the stream.
@@ -13,6 +15,9 @@ void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const N
   FilePtr out = open_file(path, "w");
   std::setvbuf(out.get(), buffer.data(), _IOFBF, buffer.size());
   std::fputs("Descriptors generated : writing id and frequency files\n", stdout);
+  Progress progress;  // a line on standard error, only when it is a terminal
+  progress_start_writing(progress, run.compounds);
+  int written = 0;
   RowReader rows;
   start_rows(run, rows);
   std::string name;
@@ -37,6 +42,8 @@ void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const N
     }
     *at++ = '\n';
     std::fwrite(line.data(), 1, static_cast<std::size_t>(at - line.data()), out.get());
+    progress_update(progress, ++written, 0);
   }
+  progress_finish(progress);
   close_output(std::move(out), path);
 }

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "driver/progress.h"
+#include "common/progress.h"
 #include "support/process.h"
 
 using namespace std::chrono_literals;
@@ -92,12 +92,12 @@ TEST(progress_line, stays_quiet_for_the_first_second_then_rewrites_at_most_five_
   EXPECT_EQ(written(f), "");
 
   progress_update_at(p, 250, 20000, t0 + 1000ms);
-  const std::string first = "\rlengths 1-7: 250/1000 compounds, 20.0k frag/s, done in ~3s";
+  const std::string first = "\rcounting lengths 1-7: 250/1000 compounds, 20.0k frag/s, done in ~3s";
   EXPECT_EQ(written(f), first);
   progress_update_at(p, 260, 21000, t0 + 1199ms);
   EXPECT_EQ(written(f), first);
   progress_update_at(p, 500, 40000, t0 + 1200ms);
-  const std::string second = "\rlengths 1-7: 500/1000 compounds, 33.3k frag/s, done in ~1s";
+  const std::string second = "\rcounting lengths 1-7: 500/1000 compounds, 33.3k frag/s, done in ~1s";
   EXPECT_EQ(written(f), first + second);
 
   // The last compound clears the line at once, whatever the pacing.
@@ -117,10 +117,10 @@ TEST(progress_line, shorter_text_blanks_the_rest_and_long_text_is_cut_to_the_wid
   Progress p;
   progress_start_on(p, f, 60, 2000000, 1, 2147483647, t0);
   progress_update_at(p, 1999999, 123456789, t0 + 3s);
-  const std::string cut = "\rlengths 1-2147483647: 1999999/2000000 compounds, 41.2M frag/";
+  const std::string cut = "\rcounting lengths 1-2147483647: 1999999/2000000 compounds, 41";
   EXPECT_EQ(written(f), cut);
   progress_update_at(p, 3, 10, t0 + 4s);
-  EXPECT_EQ(written(f), cut + "\rlengths 1-2147483647: 3/2000000 compounds, 2 frag/s, done in");
+  EXPECT_EQ(written(f), cut + "\rcounting lengths 1-2147483647: 3/2000000 compounds, 2 frag/s");
   progress_finish(p);
   EXPECT_EQ(written(f).substr(2 * cut.size()), blanked(60));
   std::fclose(f);
@@ -129,20 +129,20 @@ TEST(progress_line, shorter_text_blanks_the_rest_and_long_text_is_cut_to_the_wid
   progress_start_on(p, g, 200, 10, 3, 3, t0);
   progress_update_at(p, 9, 999999999, t0 + 2s);
   progress_update_at(p, 1, 1, t0 + 3s);
-  const std::string long_line = "\rlength 3: 9/10 compounds, 500.0M frag/s, done in ~<1s";
-  const std::string short_line = "\rlength 3: 1/10 compounds, 0 frag/s, done in ~27s";
+  const std::string long_line = "\rcounting length 3: 9/10 compounds, 500.0M frag/s, done in ~<1s";
+  const std::string short_line = "\rcounting length 3: 1/10 compounds, 0 frag/s, done in ~27s";
   EXPECT_EQ(written(g), long_line + short_line + std::string(long_line.size() - short_line.size(), ' '));
   std::fclose(g);
 }
 
 TEST(progress_line, text_shows_rates_and_times_in_readable_units) {
-  EXPECT_EQ(progress_text(1, 7, 0, 100, 0, -1), "lengths 1-7: 0/100 compounds, 0 frag/s, done in ~?");
-  EXPECT_EQ(progress_text(1, 7, 1, 100, 999.4, 59.4), "lengths 1-7: 1/100 compounds, 999 frag/s, done in ~59s");
-  EXPECT_EQ(progress_text(1, 7, 1, 100, 999.6, 59.6), "lengths 1-7: 1/100 compounds, 1.0k frag/s, done in ~1m00s");
-  EXPECT_EQ(progress_text(1, 7, 1, 100, 999960, 3599.4), "lengths 1-7: 1/100 compounds, 1.0M frag/s, done in ~59m59s");
+  EXPECT_EQ(progress_text(1, 7, 0, 100, 0, -1), "counting lengths 1-7: 0/100 compounds, 0 frag/s, done in ~?");
+  EXPECT_EQ(progress_text(1, 7, 1, 100, 999.4, 59.4), "counting lengths 1-7: 1/100 compounds, 999 frag/s, done in ~59s");
+  EXPECT_EQ(progress_text(1, 7, 1, 100, 999.6, 59.6), "counting lengths 1-7: 1/100 compounds, 1.0k frag/s, done in ~1m00s");
+  EXPECT_EQ(progress_text(1, 7, 1, 100, 999960, 3599.4), "counting lengths 1-7: 1/100 compounds, 1.0M frag/s, done in ~59m59s");
   EXPECT_EQ(progress_text(1, 7, 1, 100, 1e12, 3600 * 25 + 60 * 7),
-            "lengths 1-7: 1/100 compounds, 1000000.0M frag/s, done in ~25h07m");
-  EXPECT_EQ(progress_text(4, 4, 1, 100, 5, 1e9), "length 4: 1/100 compounds, 5 frag/s, done in ~>99h");
+            "counting lengths 1-7: 1/100 compounds, 1000000.0M frag/s, done in ~25h07m");
+  EXPECT_EQ(progress_text(4, 4, 1, 100, 5, 1e9), "counting length 4: 1/100 compounds, 5 frag/s, done in ~>99h");
 }
 
 TEST(progress_run, terminal_shows_the_line_and_a_redirected_run_writes_the_same_files_and_nothing_else) {
@@ -195,7 +195,7 @@ TEST(progress_run, terminal_shows_the_line_and_a_redirected_run_writes_the_same_
   }
   remove_tree(dir);
   if (seconds < 2) GTEST_SKIP() << "the run took " << seconds << " s: too short to expect the line";
-  EXPECT_NE(t.err.find("\rlengths 1-7: "), std::string::npos) << t.err;
+  EXPECT_NE(t.err.find("\rcounting lengths 1-7: "), std::string::npos) << t.err;
   const std::string done = std::string(1, '/').append(std::to_string(200 * copies)).append(" compounds, ");
   EXPECT_NE(t.err.find(done), std::string::npos) << t.err;
 }

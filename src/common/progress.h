@@ -1,7 +1,9 @@
 // The progress line: while a long run works on a terminal, one line on
-// standard error that rewrites itself with the lengths asked for, the
-// compounds done, the fragments counted per second and the time left. Every
-// length of a compound is counted in one go, so the line follows compounds.
+// standard error that rewrites itself with the phase (counting, then writing
+// the descriptor file), the lengths asked for, the compounds done, the
+// fragments counted per second and the time left. Every length of a compound
+// is counted in one go, so the line follows compounds. Numbering the lengths
+// between the two phases shows on standard output.
 // Off (and silent) whenever standard error is not a terminal, so pipes, files
 // and CI logs see exactly the bytes of a run without it.
 #pragma once
@@ -22,12 +24,16 @@ struct Progress {
   ProgressClock::time_point next_print;    // earliest moment of the next rewrite
   ProgressClock::time_point last_check;    // last reading of the clock
   int stride = 1, countdown = 1;    // compounds between readings of the clock
+  bool writing = false;             // the descriptor file is being written
   std::size_t shown = 0;            // characters of the line now on screen, 0 for none
 };
 
 // Enables the line when standard error is a terminal; otherwise p stays off
 // and every other call returns at once.
 void progress_start(Progress& p, int n_compounds, int lmin, int lmax);
+
+// The same for the phase that writes the descriptor file.
+void progress_start_writing(Progress& p, int n_compounds);
 
 // The same with the stream, its width and the start given, for tests.
 void progress_start_on(Progress& p, std::FILE* stream, std::size_t width, int n_compounds, int lmin, int lmax,

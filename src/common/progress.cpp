@@ -1,5 +1,5 @@
 // The progress line on a terminal: counting, pacing and drawing.
-#include "driver/progress.h"
+#include "common/progress.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -87,10 +87,15 @@ void progress_start(Progress& p, int n_compounds, int lmin, int lmax) {
   progress_start_on(p, stderr, width, n_compounds, lmin, lmax, ProgressClock::now());
 }
 
+void progress_start_writing(Progress& p, int n_compounds) {
+  progress_start(p, n_compounds, 0, 0);
+  p.writing = true;
+}
+
 std::string progress_text(int lmin, int lmax, int done, int n, double fragments_per_second, double seconds_left) {
   const std::string lengths =
       lmin == lmax ? "length " + std::to_string(lmin) : "lengths " + std::to_string(lmin) + "-" + std::to_string(lmax);
-  return lengths + ": " + std::to_string(done) + "/" + std::to_string(n) + " compounds, " +
+  return "counting " + lengths + ": " + std::to_string(done) + "/" + std::to_string(n) + " compounds, " +
          rate_text(fragments_per_second) + " frag/s, done in ~" + time_text(seconds_left);
 }
 
@@ -105,7 +110,11 @@ void progress_update_at(Progress& p, int compounds_done, long long fragments_so_
   const double elapsed = duration<double>(now - p.start).count();
   const double rate = elapsed > 0 ? static_cast<double>(fragments_so_far) / elapsed : 0;
   const double left = compounds_done > 0 ? elapsed * (p.n - compounds_done) / compounds_done : -1;
-  draw(p, progress_text(p.lmin, p.lmax, compounds_done, p.n, rate, left));
+  if (p.writing)
+    draw(p, "writing the descriptor file: " + std::to_string(compounds_done) + "/" + std::to_string(p.n) +
+                " compounds, done in ~" + time_text(left));
+  else
+    draw(p, progress_text(p.lmin, p.lmax, compounds_done, p.n, rate, left));
 }
 
 void progress_update(Progress& p, int compounds_done, long long fragments_so_far) {
