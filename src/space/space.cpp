@@ -97,9 +97,12 @@ struct RecordReader {
   [[noreturn]] void refuse(const std::string& what) const {
     fatal_error(format_text("%s: record %d (line %lld): %s\n", name.c_str(), record, lines.number, what.c_str()));
   }
-  std::string_view take(const char* what) {
-    if (!lines.next()) refuse(format_text("the file ends before %s", what));
-    return lines.line;
+  // The next line of the record; what names it (with k of n: "atom line"
+  // 3 of 5) should the file end before it.
+  std::string_view take(const char* what, int k = 0, int n = 0) {
+    if (lines.next()) return lines.line;
+    if (n > 0) refuse(format_text("the file ends before %s %d of %d", what, k, n));
+    refuse(format_text("the file ends before %s", what));
   }
   // The line's fields, separated by blanks and tabs.
   const std::vector<std::string_view>& split(std::string_view line) {
@@ -243,7 +246,7 @@ SpaceFragment read_sd_record(RecordReader& r, Interner& atom_labels, Interner& b
   if (na < 0 || nb < 0) r.refuse("the counts line does not give the atoms and bonds in columns 1-6");
   r.atoms.clear();
   for (int k = 0; k < na; ++k) {
-    const std::string_view line = r.take("the atom lines");
+    const std::string_view line = r.take("atom line", k + 1, na);
     char symbol[3];
     std::size_t length = 0;
     if (line.size() >= 32)
@@ -254,7 +257,7 @@ SpaceFragment read_sd_record(RecordReader& r, Interner& atom_labels, Interner& b
   }
   r.bonds.clear();
   for (int k = 0; k < nb; ++k) {
-    const std::string_view line = r.take("the bond lines");
+    const std::string_view line = r.take("bond line", k + 1, nb);
     const int a = column_number(line, 1), b = column_number(line, 4), type = column_number(line, 7);
     const char* label = sd_bond_label(type);
     if (a < 0 || b < 0 || label == nullptr)
@@ -288,7 +291,7 @@ SpaceFragment read_mol2_record(RecordReader& r, Interner& atom_labels, Interner&
   }
   r.atoms.clear();
   for (int k = 0; k < na; ++k) {
-    const std::vector<std::string_view>& w = r.split(r.take("the atom lines"));
+    const std::vector<std::string_view>& w = r.split(r.take("atom line", k + 1, na));
     if (w.size() < 6) r.refuse(format_text("atom line %d has fewer than six fields", k + 1));
     r.atoms.push_back(atom_labels.of(w[5]));
   }
@@ -296,7 +299,7 @@ SpaceFragment read_mol2_record(RecordReader& r, Interner& atom_labels, Interner&
     r.refuse(format_text("the line after the %d atoms is not the @<TRIPOS>BOND line", na));
   r.bonds.clear();
   for (int k = 0; k < nb; ++k) {
-    const std::vector<std::string_view>& w = r.split(r.take("the bond lines"));
+    const std::vector<std::string_view>& w = r.split(r.take("bond line", k + 1, nb));
     const char* label = w.size() >= 4 ? mol2_bond_label(w[3]) : nullptr;
     const int a = w.size() >= 4 ? number_of(w[1]) : -1, b = w.size() >= 4 ? number_of(w[2]) : -1;
     if (a < 0 || b < 0 || label == nullptr)

@@ -100,9 +100,22 @@ ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpac
   return matcher.summary();
 }
 
+// The compounds, refused with the messages of Tavrix's own readers; those
+// that do not name the file ("compound 3 (x): bond line 2 names atom 0")
+// get its name in front, since two files are in play here.
+CompoundInput read_input(const RunSettings& settings) {
+  try {
+    return read_compounds_in_memory(settings, InputSource{settings.infile, nullptr});
+  } catch (Failure& failure) {
+    if (failure.message.find("'" + settings.infile + "'") == std::string::npos)
+      failure.message = settings.infile + ": " + failure.message;
+    throw;
+  }
+}
+
 int apply_and_report(const RunSettings& settings, const std::string& structure_file) {
   const DescriptorSpace space = read_space_file(structure_file, false);
-  const CompoundInput input = read_compounds_in_memory(settings, InputSource{settings.infile, nullptr});
+  const CompoundInput input = read_input(settings);
   const std::string out = settings.outfstem + ".out";
   const ApplySummary summary = write_descriptor_file(out, space, input);
 
