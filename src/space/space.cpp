@@ -94,8 +94,12 @@ struct RecordReader {
   std::vector<int> root, fill;
   std::vector<std::string_view> fields;
 
-  [[noreturn]] void refuse(const std::string& what) const {
-    fatal_error(format_text("%s: record %d (line %lld): %s\n", name.c_str(), record, lines.number, what.c_str()));
+  long long counts_line = 0, first_bond_line = 0;  // where the record's counts and bonds stand
+
+  // Names the line last read, or the given one.
+  [[noreturn]] void refuse(const std::string& what) const { refuse_at(lines.number, what); }
+  [[noreturn]] void refuse_at(long long line, const std::string& what) const {
+    fatal_error(format_text("%s: record %d (line %lld): %s\n", name.c_str(), record, line, what.c_str()));
   }
   // The next line of the record; what names it (with k of n: "atom line"
   // 3 of 5) should the file end before it.
@@ -172,8 +176,8 @@ SpaceFragment make_fragment(RecordReader& r) {
   const std::vector<Bond>& bonds = r.bonds;
   const int n = static_cast<int>(r.atoms.size());
   const int nb = static_cast<int>(bonds.size());
-  if (nb == 0) r.refuse("the record has no bond (every fragment has at least one)");
-  if (nb != n - 1) r.refuse(format_text("%d atoms and %d bonds are not a tree", n, nb));
+  if (nb == 0) r.refuse_at(r.counts_line, "the record has no bond (every fragment has at least one)");
+  if (nb != n - 1) r.refuse_at(r.counts_line, format_text("%d atoms and %d bonds are not a tree", n, nb));
   std::vector<int>& root = r.root;
   root.resize(n);
   std::iota(root.begin(), root.end(), 0);
@@ -184,15 +188,18 @@ SpaceFragment make_fragment(RecordReader& r) {
   for (int k = 0; k < nb; ++k) {
     const Bond& bond = bonds[k];
     if (bond.a < 1 || bond.a > n || bond.b < 1 || bond.b > n)
-      r.refuse(format_text("bond %d joins atoms %d and %d, but the record has %d atoms", k + 1, bond.a, bond.b, n));
-    if (bond.a == bond.b) r.refuse(format_text("bond %d joins atom %d to itself", k + 1, bond.a));
+      r.refuse_at(r.first_bond_line + k,
+                  format_text("bond %d joins atoms %d and %d, but the record has %d atoms", k + 1, bond.a, bond.b, n));
+    if (bond.a == bond.b)
+      r.refuse_at(r.first_bond_line + k, format_text("bond %d joins atom %d to itself", k + 1, bond.a));
     const int x = find(bond.a - 1), y = find(bond.b - 1);
     if (x == y) {
       for (int j = 0; j < k; ++j)
         if (std::min(bonds[j].a, bonds[j].b) == std::min(bond.a, bond.b) &&
             std::max(bonds[j].a, bonds[j].b) == std::max(bond.a, bond.b))
-          r.refuse(format_text("bond %d joins atoms %d and %d a second time", k + 1, bond.a, bond.b));
-      r.refuse(format_text("bond %d closes a ring: the record is not a tree", k + 1));
+          r.refuse_at(r.first_bond_line + k,
+                      format_text("bond %d joins atoms %d and %d a second time", k + 1, bond.a, bond.b));
+      r.refuse_at(r.first_bond_line + k, format_text("bond %d closes a ring: the record is not a tree", k + 1));
     }
     root[x] = y;
   }
@@ -242,6 +249,7 @@ SpaceFragment read_sd_record(RecordReader& r, Interner& atom_labels, Interner& b
   r.take("the program line");
   r.take("the comment line");
   const std::string_view counts = r.take("the counts line");
+  r.counts_line = r.lines.number;
   const int na = column_number(counts, 1), nb = column_number(counts, 4);
   if (na < 0 || nb < 0) r.refuse("the counts line does not give the atoms and bonds in columns 1-6");
   r.atoms.clear();
@@ -256,6 +264,7 @@ SpaceFragment read_sd_record(RecordReader& r, Interner& atom_labels, Interner& b
     r.atoms.push_back(atom_labels.of(std::string_view(symbol, length)));
   }
   r.bonds.clear();
+  r.first_bond_line = r.lines.number + 1;
   for (int k = 0; k < nb; ++k) {
     const std::string_view line = r.take("bond line", k + 1, nb);
     const int a = column_number(line, 1), b = column_number(line, 4), type = column_number(line, 7);
@@ -284,6 +293,7 @@ const char* mol2_bond_label(std::string_view type) {
 SpaceFragment read_mol2_record(RecordReader& r, Interner& atom_labels, Interner& bond_labels) {
   r.take("the molecule name");
   const std::vector<std::string_view>& counts = r.split(r.take("the counts line"));
+  r.counts_line = r.lines.number;
   const int na = counts.size() >= 2 ? number_of(counts[0]) : -1;
   const int nb = counts.size() >= 2 ? number_of(counts[1]) : -1;
   if (na < 0 || nb < 0) r.refuse("the counts line does not give the atoms and bonds");
@@ -298,6 +308,7 @@ SpaceFragment read_mol2_record(RecordReader& r, Interner& atom_labels, Interner&
   if (r.take("the @<TRIPOS>BOND line").substr(0, 13) != "@<TRIPOS>BOND")
     r.refuse(format_text("the line after the %d atoms is not the @<TRIPOS>BOND line", na));
   r.bonds.clear();
+  r.first_bond_line = r.lines.number + 1;
   for (int k = 0; k < nb; ++k) {
     const std::vector<std::string_view>& w = r.split(r.take("bond line", k + 1, nb));
     const char* label = w.size() >= 4 ? mol2_bond_label(w[3]) : nullptr;
