@@ -2,15 +2,17 @@
 # One-command benchmark: builds Tavrix (Release) in build-bench, runs it on the
 # shipped inputs and prints wall time (median of 5), peak resident memory,
 # fragments per second and, when perf is available, where the time goes;
-# then RDKit's count fingerprint of the same compounds and the ratio.
+# then tavrix-apply with the space of the nci5k run on nci5k beside that run,
+# and RDKit's count fingerprint of the same compounds and the ratio.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(dirname "$here")
 build=${TAVRIX_BENCH_BUILD:-$root/build-bench}
 runs=${RUNS:-5}
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DTAVRIX_TESTS=OFF > /dev/null
-cmake --build "$build" --target Tavrix -j 2 > /dev/null
+cmake --build "$build" --target Tavrix tavrix-apply -j 2 > /dev/null
 bin=$build/Tavrix
+apply=$build/tavrix-apply
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 xz -dc "$here/data/nci5k.sdf.xz" > "$work/nci5k.sdf"
@@ -68,6 +70,25 @@ bench "nci5k.sdf -ds TF" nci5k.sdf -lmax 7 -ds TF
 bench "nci5k.sdf -ds PF" nci5k.sdf -lmax 7 -ds PF
 bench "nci200 (Mol2)" nci200.mol2 -lmax 7
 tavrix=$(cat "$work/nci5k.sdf -ds QZ.time")
+
+# tavrix-apply with the structure file of the nci5k run (-lmax 7), applied to
+# nci5k itself, beside that run, turn about; the descriptor file must come
+# out the same.
+dir=$work/apply; mkdir -p "$dir"; cp "$work/nci5k.sdf" "$dir/"
+(cd "$dir" && "$bin" -lmax 7 nci5k.sdf > /dev/null) || true
+run_t=() run_m=() apply_t=() apply_m=()
+for ((i = 0; i < runs; ++i)); do
+  (cd "$dir" && /usr/bin/time -f "%e %M" -o run.txt "$bin" -lmax 7 -ofile run nci5k.sdf > /dev/null) || true
+  (cd "$dir" && /usr/bin/time -f "%e %M" -o apply.txt "$apply" -ofile applied nci5k_frag.sdf nci5k.sdf > /dev/null)
+  read -r t m < <(tail -n 1 "$dir/run.txt"); run_t+=("$t"); run_m+=("$m")
+  read -r t m < <(tail -n 1 "$dir/apply.txt"); apply_t+=("$t"); apply_m+=("$m")
+done
+cmp -s "$dir/applied.out" "$dir/nci5k.out" || echo "tavrix-apply: applied.out differs from the run's nci5k.out"
+echo "Applying the nci5k space ($(grep -c '^\$\$\$\$$' "$dir/nci5k_frag.sdf") descriptors) to nci5k, median of $runs runs:"
+printf '  %-22s %6.2f s  %5d MB\n' "Tavrix -lmax 7" "$(printf '%s\n' "${run_t[@]}" | median)" \
+  $(($(printf '%s\n' "${run_m[@]}" | sort -n | tail -1) / 1024))
+printf '  %-22s %6.2f s  %5d MB\n' "tavrix-apply" "$(printf '%s\n' "${apply_t[@]}" | median)" \
+  $(($(printf '%s\n' "${apply_m[@]}" | sort -n | tail -1) / 1024))
 if /usr/bin/python3 -c "import rdkit" 2> /dev/null; then
   read -r rdkit nmols < <(/usr/bin/python3 "$here/rdkit_count.py" "$work/nci5k.sdf" "$runs")
   echo "RDKit count fingerprint, maxPath 7, $nmols molecules (parsing not timed): $rdkit s"

@@ -3,10 +3,10 @@
 #include "space/space.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <numeric>
 #include <unordered_map>
-#include <unordered_set>
 
 #include "canon/canon.h"
 #include "common/common.h"
@@ -16,51 +16,111 @@ namespace {
 
 // ---- Reading records ----
 
-// The text's lines, each without its line end ("\r\n" or "\n").
-struct Lines {
-  explicit Lines(const std::string& t) : text(t) {}
-  const std::string& text;
-  std::size_t at = 0;
+// The lines of a text in memory, or of a file read a chunk at a time (a
+// structure file runs to tens of megabytes, and only its fragments are
+// kept), each without its line end ("\r\n" or "\n").
+class Lines {
+ public:
+  explicit Lines(std::string_view text) : data_(text) {}
+  explicit Lines(std::FILE* file) : file_(file), buffer_(1 << 20) {}
+
   long long number = 0;  // 1-based number of the last line taken
   std::string_view line;
+  bool failed = false;   // the file could not be read to its end
+
+  // Where the next line begins, counted from the start of the whole text.
+  std::size_t offset() const { return base_ + std::min(at_, data_.size()); }
+
   bool next() {
-    if (at >= text.size()) return false;
-    std::size_t end = text.find('\n', at);
-    if (end == std::string::npos) end = text.size();
-    line = std::string_view(text).substr(at, end - at);
+    std::size_t end;
+    while ((end = data_.find('\n', scanned_)) == std::string_view::npos) {
+      scanned_ = data_.size();
+      if (!refill()) break;
+    }
+    if (end == std::string_view::npos) {
+      if (at_ >= data_.size()) return false;
+      end = data_.size();  // a last line without its line feed
+    }
+    line = data_.substr(at_, end - at_);
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    at = end + 1;
+    at_ = scanned_ = end + 1;
     ++number;
     return true;
   }
+
+ private:
+  // Moves the unread bytes to the front of the buffer and reads more behind
+  // them; the buffer doubles only for a line longer than itself.
+  bool refill() {
+    if (file_ == nullptr || eof_) return false;
+    const std::size_t done = std::min(at_, data_.size()), keep = data_.size() - done;
+    if (keep > 0) std::memmove(buffer_.data(), data_.data() + done, keep);
+    base_ += done;
+    scanned_ -= done;
+    at_ = 0;
+    if (keep == buffer_.size()) buffer_.resize(2 * buffer_.size());
+    const std::size_t got = std::fread(buffer_.data() + keep, 1, buffer_.size() - keep, file_);
+    if (got == 0) {
+      eof_ = true;
+      failed = std::ferror(file_) != 0;
+    }
+    data_ = std::string_view(buffer_.data(), keep + got);
+    return got > 0;
+  }
+
+  std::string_view data_;
+  std::size_t at_ = 0;       // start of the next line in data_
+  std::size_t scanned_ = 0;  // data_ holds no line feed from at_ up to here
+  std::size_t base_ = 0;     // offset of data_ in the whole text
+  std::FILE* file_ = nullptr;
+  bool eof_ = false;
+  std::vector<char> buffer_;
+};
+
+struct Bond {
+  int a, b;
+  int label;  // the space's bond label, numbered in order of first appearance until the end
 };
 
 struct RecordReader {
+  RecordReader(const std::string& n, Lines& l) : name(n), lines(l) {}
   const std::string& name;
-  Lines lines;
+  Lines& lines;
   int record = 0;  // 1-based number of the record being read
-  std::size_t record_start = 0;
 
-  [[noreturn]] void refuse(const std::string& what) const {
-    fatal_error(format_text("%s: record %d (line %lld): %s\n", name.c_str(), record, lines.number, what.c_str()));
+  // Scratch, kept from record to record.
+  std::vector<int> atoms;
+  std::vector<Bond> bonds;
+  std::vector<int> root, fill;
+  std::vector<std::string_view> fields;
+
+  long long counts_line = 0, first_bond_line = 0;  // where the record's counts and bonds stand
+
+  // Names the line last read, or the given one.
+  [[noreturn]] void refuse(const std::string& what) const { refuse_at(lines.number, what); }
+  [[noreturn]] void refuse_at(long long line, const std::string& what) const {
+    fatal_error(format_text("%s: record %d (line %lld): %s\n", name.c_str(), record, line, what.c_str()));
   }
-  std::string_view take(const char* what) {
-    if (!lines.next()) refuse(format_text("the file ends before %s", what));
-    return lines.line;
+  // The next line of the record; what names it (with k of n: "atom line"
+  // 3 of 5) should the file end before it.
+  std::string_view take(const char* what, int k = 0, int n = 0) {
+    if (lines.next()) return lines.line;
+    if (n > 0) refuse(format_text("the file ends before %s %d of %d", what, k, n));
+    refuse(format_text("the file ends before %s", what));
+  }
+  // The line's fields, separated by blanks and tabs.
+  const std::vector<std::string_view>& split(std::string_view line) {
+    fields.clear();
+    std::size_t i = 0;
+    while (i < line.size()) {
+      while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
+      const std::size_t start = i;
+      while (i < line.size() && line[i] != ' ' && line[i] != '\t') ++i;
+      if (i > start) fields.push_back(line.substr(start, i - start));
+    }
+    return fields;
   }
 };
-
-std::vector<std::string_view> words(std::string_view line) {
-  std::vector<std::string_view> out;
-  std::size_t i = 0;
-  while (i < line.size()) {
-    while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
-    const std::size_t start = i;
-    while (i < line.size() && line[i] != ' ' && line[i] != '\t') ++i;
-    if (i > start) out.push_back(line.substr(start, i - start));
-  }
-  return out;
-}
 
 // A whole unsigned number, or -1.
 int number_of(std::string_view text) {
@@ -81,24 +141,22 @@ int column_number(std::string_view line, std::size_t first) {
   return number_of(field);
 }
 
-struct Bond {
-  int a, b;
-  int label;  // the space's bond label, numbered in order of first appearance until the end
+struct LabelHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
 };
 
 // Label strings numbered in order of first appearance while reading; at the
 // end they are put in byte order and every fragment renumbered.
 struct Interner {
-  std::unordered_map<std::string, int> number;
+  std::unordered_map<std::string, int, LabelHash, std::equal_to<>> number;
   std::vector<std::string> strings;
   int of(std::string_view label) {
-    key.assign(label);
-    if (const auto it = number.find(key); it != number.end()) return it->second;
-    number.emplace(key, static_cast<int>(strings.size()));
-    strings.push_back(key);
+    if (const auto it = number.find(label); it != number.end()) return it->second;
+    number.emplace(std::string(label), static_cast<int>(strings.size()));
+    strings.emplace_back(label);
     return static_cast<int>(strings.size()) - 1;
   }
-  std::string key;
   // Byte order; returns the new number of each old one.
   std::vector<int> sort(std::vector<std::string>& sorted) {
     sorted = strings;
@@ -113,44 +171,65 @@ struct Interner {
 // Checks the atoms and bonds of a record and turns them into the fragment:
 // a tree with at least one bond, every bond between two of its atoms, none
 // twice; each atom's neighbours in ascending order, as labelling writes them.
-SpaceFragment make_fragment(const RecordReader& r, std::vector<int> atoms, const std::vector<Bond>& bonds) {
-  const int n = static_cast<int>(atoms.size());
-  if (bonds.empty()) r.refuse("the record has no bond (every fragment has at least one)");
-  if (static_cast<int>(bonds.size()) != n - 1)
-    r.refuse(format_text("%d atoms and %zu bonds are not a tree", n, bonds.size()));
-  std::vector<int> root(n);
+// The first bad bond in file order is the one named.
+SpaceFragment make_fragment(RecordReader& r) {
+  const std::vector<Bond>& bonds = r.bonds;
+  const int n = static_cast<int>(r.atoms.size());
+  const int nb = static_cast<int>(bonds.size());
+  if (nb == 0) r.refuse_at(r.counts_line, "the record has no bond (every fragment has at least one)");
+  if (nb != n - 1) r.refuse_at(r.counts_line, format_text("%d atoms and %d bonds are not a tree", n, nb));
+  std::vector<int>& root = r.root;
+  root.resize(n);
   std::iota(root.begin(), root.end(), 0);
   auto find = [&root](int x) {
     while (root[x] != x) x = root[x] = root[root[x]];
     return x;
   };
-  std::vector<std::vector<std::pair<int, int>>> adjacent(n);
-  for (std::size_t k = 0; k < bonds.size(); ++k) {
+  for (int k = 0; k < nb; ++k) {
     const Bond& bond = bonds[k];
     if (bond.a < 1 || bond.a > n || bond.b < 1 || bond.b > n)
-      r.refuse(format_text("bond %zu joins atoms %d and %d, but the record has %d atoms", k + 1, bond.a, bond.b, n));
-    if (bond.a == bond.b) r.refuse(format_text("bond %zu joins atom %d to itself", k + 1, bond.a));
+      r.refuse_at(r.first_bond_line + k,
+                  format_text("bond %d joins atoms %d and %d, but the record has %d atoms", k + 1, bond.a, bond.b, n));
+    if (bond.a == bond.b)
+      r.refuse_at(r.first_bond_line + k, format_text("bond %d joins atom %d to itself", k + 1, bond.a));
     const int x = find(bond.a - 1), y = find(bond.b - 1);
-    for (const auto& [far, label] : adjacent[bond.a - 1])
-      if (far == bond.b - 1) r.refuse(format_text("bond %zu joins atoms %d and %d a second time", k + 1, bond.a, bond.b));
-    if (x == y) r.refuse(format_text("bond %zu closes a ring: the record is not a tree", k + 1));
+    if (x == y) {
+      for (int j = 0; j < k; ++j)
+        if (std::min(bonds[j].a, bonds[j].b) == std::min(bond.a, bond.b) &&
+            std::max(bonds[j].a, bonds[j].b) == std::max(bond.a, bond.b))
+          r.refuse_at(r.first_bond_line + k,
+                      format_text("bond %d joins atoms %d and %d a second time", k + 1, bond.a, bond.b));
+      r.refuse_at(r.first_bond_line + k, format_text("bond %d closes a ring: the record is not a tree", k + 1));
+    }
     root[x] = y;
-    adjacent[bond.a - 1].emplace_back(bond.b - 1, bond.label);
-    adjacent[bond.b - 1].emplace_back(bond.a - 1, bond.label);
   }
   SpaceFragment f;
   f.vs = n;
-  f.es = 2 * static_cast<int>(bonds.size());
-  f.vl = std::move(atoms);
-  f.v.push_back(0);
-  for (auto& list : adjacent) {
-    std::sort(list.begin(), list.end());
-    for (const auto& [far, label] : list) {
-      f.e.push_back(far);
-      f.el.push_back(label);
-    }
-    f.v.push_back(static_cast<int>(f.e.size()));
+  f.es = 2 * nb;
+  f.vl.assign(r.atoms.begin(), r.atoms.end());
+  f.v.assign(n + 1, 0);
+  for (const Bond& bond : bonds) {
+    ++f.v[bond.a];
+    ++f.v[bond.b];
   }
+  for (int i = 0; i < n; ++i) f.v[i + 1] += f.v[i];
+  r.fill.assign(f.v.begin(), f.v.end() - 1);
+  f.e.resize(f.es);
+  f.el.resize(f.es);
+  for (const Bond& bond : bonds) {
+    const int a = bond.a - 1, b = bond.b - 1;
+    f.e[r.fill[a]] = b;
+    f.el[r.fill[a]++] = bond.label;
+    f.e[r.fill[b]] = a;
+    f.el[r.fill[b]++] = bond.label;
+  }
+  // Neighbours ascending; a few per atom, so insertion sort.
+  for (int i = 0; i < n; ++i)
+    for (int j = f.v[i] + 1; j < f.v[i + 1]; ++j)
+      for (int k = j; k > f.v[i] && f.e[k - 1] > f.e[k]; --k) {
+        std::swap(f.e[k - 1], f.e[k]);
+        std::swap(f.el[k - 1], f.el[k]);
+      }
   return f;
 }
 
@@ -170,30 +249,33 @@ SpaceFragment read_sd_record(RecordReader& r, Interner& atom_labels, Interner& b
   r.take("the program line");
   r.take("the comment line");
   const std::string_view counts = r.take("the counts line");
+  r.counts_line = r.lines.number;
   const int na = column_number(counts, 1), nb = column_number(counts, 4);
   if (na < 0 || nb < 0) r.refuse("the counts line does not give the atoms and bonds in columns 1-6");
-  std::vector<int> atoms;
+  r.atoms.clear();
   for (int k = 0; k < na; ++k) {
-    const std::string_view line = r.take("the atom lines");
-    std::string symbol;
+    const std::string_view line = r.take("atom line", k + 1, na);
+    char symbol[3];
+    std::size_t length = 0;
     if (line.size() >= 32)
       for (char c : line.substr(31, 3))
-        if (c != ' ' && c != '\t') symbol += c;
-    if (symbol.empty()) r.refuse(format_text("atom line %d holds no atom symbol in columns 32-34", k + 1));
-    atoms.push_back(atom_labels.of(symbol));
+        if (c != ' ' && c != '\t') symbol[length++] = c;
+    if (length == 0) r.refuse(format_text("atom line %d holds no atom symbol in columns 32-34", k + 1));
+    r.atoms.push_back(atom_labels.of(std::string_view(symbol, length)));
   }
-  std::vector<Bond> bonds;
+  r.bonds.clear();
+  r.first_bond_line = r.lines.number + 1;
   for (int k = 0; k < nb; ++k) {
-    const std::string_view line = r.take("the bond lines");
+    const std::string_view line = r.take("bond line", k + 1, nb);
     const int a = column_number(line, 1), b = column_number(line, 4), type = column_number(line, 7);
     const char* label = sd_bond_label(type);
     if (a < 0 || b < 0 || label == nullptr)
       r.refuse(format_text("bond line %d does not give two atoms and a bond type 1 to 4 in columns 1-9", k + 1));
-    bonds.push_back({a, b, bond_labels.of(label)});
+    r.bonds.push_back({a, b, bond_labels.of(label)});
   }
   if (r.take("the \"M  END\" line") != "M  END") r.refuse("the line after the bonds is not \"M  END\"");
   if (r.take("the \"$$$$\" line") != "$$$$") r.refuse("the line after \"M  END\" is not \"$$$$\"");
-  return make_fragment(r, std::move(atoms), bonds);
+  return make_fragment(r);
 }
 
 const char* mol2_bond_label(std::string_view type) {
@@ -210,31 +292,33 @@ const char* mol2_bond_label(std::string_view type) {
 // empty line.
 SpaceFragment read_mol2_record(RecordReader& r, Interner& atom_labels, Interner& bond_labels) {
   r.take("the molecule name");
-  const std::vector<std::string_view> counts = words(r.take("the counts line"));
+  const std::vector<std::string_view>& counts = r.split(r.take("the counts line"));
+  r.counts_line = r.lines.number;
   const int na = counts.size() >= 2 ? number_of(counts[0]) : -1;
   const int nb = counts.size() >= 2 ? number_of(counts[1]) : -1;
   if (na < 0 || nb < 0) r.refuse("the counts line does not give the atoms and bonds");
   while (r.take("the @<TRIPOS>ATOM line").substr(0, 13) != "@<TRIPOS>ATOM") {
   }
-  std::vector<int> atoms;
+  r.atoms.clear();
   for (int k = 0; k < na; ++k) {
-    const std::vector<std::string_view> w = words(r.take("the atom lines"));
+    const std::vector<std::string_view>& w = r.split(r.take("atom line", k + 1, na));
     if (w.size() < 6) r.refuse(format_text("atom line %d has fewer than six fields", k + 1));
-    atoms.push_back(atom_labels.of(w[5]));
+    r.atoms.push_back(atom_labels.of(w[5]));
   }
   if (r.take("the @<TRIPOS>BOND line").substr(0, 13) != "@<TRIPOS>BOND")
     r.refuse(format_text("the line after the %d atoms is not the @<TRIPOS>BOND line", na));
-  std::vector<Bond> bonds;
+  r.bonds.clear();
+  r.first_bond_line = r.lines.number + 1;
   for (int k = 0; k < nb; ++k) {
-    const std::vector<std::string_view> w = words(r.take("the bond lines"));
+    const std::vector<std::string_view>& w = r.split(r.take("bond line", k + 1, nb));
     const char* label = w.size() >= 4 ? mol2_bond_label(w[3]) : nullptr;
     const int a = w.size() >= 4 ? number_of(w[1]) : -1, b = w.size() >= 4 ? number_of(w[2]) : -1;
     if (a < 0 || b < 0 || label == nullptr)
       r.refuse(format_text("bond line %d does not give two atoms and a bond type 1, 2, 3, ar or am", k + 1));
-    bonds.push_back({a, b, bond_labels.of(label)});
+    r.bonds.push_back({a, b, bond_labels.of(label)});
   }
   if (r.lines.next() && !r.lines.line.empty()) r.refuse("the line after the bonds is not empty");
-  return make_fragment(r, std::move(atoms), bonds);
+  return make_fragment(r);
 }
 
 // A hash of a form's arrays, with its labels as the caller numbers them.
@@ -255,57 +339,59 @@ bool same_arrays(const SpaceFragment& a, const SpaceFragment& b) {
   return a.vs == b.vs && a.es == b.es && a.vl == b.vl && a.v == b.v && a.e == b.e && a.el == b.el;
 }
 
-// The fragment rearranged the way labelling arranges a compound's fragment of
-// the same tree, when that way does not depend on how the tree's atoms happen
-// to be numbered; false for trees with cells of equal atoms too large for
-// that. Labels keep their numbers, which are in byte order as a file's are.
-bool canonical_arrangement(const SpaceFragment& f, SpaceFragment& out) {
-  Graph g;
+bool same_arrays(const Graph& a, const SpaceFragment& b) {
+  return a.vs == b.vs && a.es == b.es && a.vl == b.vl && a.v == b.v && a.e == b.e && a.el == b.el;
+}
+
+// Labelling's arrangement of the fragment in g (scratch, reused), when that
+// arrangement does not depend on how the tree's atoms happen to be numbered;
+// false for trees with cells of equal atoms too large for that. Labels keep
+// their numbers, which are in byte order as a file's are.
+bool canonical_arrangement(const SpaceFragment& f, Graph& g) {
   g.vs = f.vs;
   g.es = f.es;
-  g.v = f.v;
-  g.e = f.e;
-  g.vl = f.vl;
-  g.el = f.el;
+  g.ncell = 0;
+  g.key = 0;
+  g.v.assign(f.v.begin(), f.v.end());
+  g.e.assign(f.e.begin(), f.e.end());
+  g.vl.assign(f.vl.begin(), f.vl.end());
+  g.el.assign(f.el.begin(), f.el.end());
   g.vid.resize(f.vs);
   std::iota(g.vid.begin(), g.vid.end(), 0);
   g.vcell.assign(f.vs, 0);
-  if (!canonical_label_fast(g)) return false;
-  out = SpaceFragment{g.vs, g.es, std::move(g.v), std::move(g.e), std::move(g.vl), std::move(g.el)};
-  return true;
+  return canonical_label_fast(g);
 }
 
 std::uint64_t own_hash(const SpaceFragment& f) {
   return form_hash(f.vs, f.es, f.v.data(), f.e.data(), [&](int i) { return f.vl[i]; }, [&](int j) { return f.el[j]; });
 }
 
-}  // namespace
-
-DescriptorSpace read_space(const std::string& name, std::string text, bool keep_text) {
-  DescriptorSpace space;
-  space.name = name;
-  RecordReader r{name, Lines(text)};
-  // The first line that is not empty tells the kind of records.
-  Lines probe(text);
-  while (probe.next() && probe.line.empty()) {
-  }
-  space.mol2 = probe.line.substr(0, 17) == "@<TRIPOS>MOLECULE";
+// Reads every record from lines into the space: fragments, labels, lengths,
+// where each record lies, and labelling's arrangement of the records written
+// in another; refuses the same fragment twice.
+void read_records(const std::string& name, Lines& lines, DescriptorSpace& space) {
+  RecordReader r(name, lines);
   Interner atom_labels, bond_labels;
+  bool first = true;
   while (true) {
     // Empty lines between records (and a file that ends in some) are passed over.
-    const std::size_t start = r.lines.at;
-    if (!r.lines.next()) break;
-    if (r.lines.line.empty()) continue;
+    const std::size_t start = lines.offset();
+    if (!lines.next()) break;
+    if (lines.line.empty()) continue;
     ++r.record;
-    if (space.mol2 && r.lines.line.substr(0, 17) != "@<TRIPOS>MOLECULE")
+    // The first line that is not empty tells the kind of records.
+    if (first) space.mol2 = lines.line.substr(0, 17) == "@<TRIPOS>MOLECULE";
+    first = false;
+    if (space.mol2 && lines.line.substr(0, 17) != "@<TRIPOS>MOLECULE")
       r.refuse("the record does not begin with @<TRIPOS>MOLECULE");
     space.fragments.push_back(space.mol2 ? read_mol2_record(r, atom_labels, bond_labels)
                                          : read_sd_record(r, atom_labels, bond_labels));
-    space.spans.emplace_back(start, std::min(r.lines.at, text.size()) - start);
+    space.spans.emplace_back(start, lines.offset() - start);
     const int bonds = space.fragments.back().es / 2;
     space.shortest = space.shortest == 0 ? bonds : std::min(space.shortest, bonds);
     space.longest = std::max(space.longest, bonds);
   }
+  if (lines.failed) fatal_error(format_text("can't read a file '%s'\n", name.c_str()));
   const std::vector<int> atom_number = atom_labels.sort(space.atom_labels);
   const std::vector<int> bond_number = bond_labels.sort(space.bond_labels);
   for (SpaceFragment& f : space.fragments) {
@@ -315,45 +401,68 @@ DescriptorSpace read_space(const std::string& name, std::string text, bool keep_
   // The same fragment twice: the same arrays, or, where labelling settles one
   // arrangement for every numbering, the same tree in two arrangements.
   // Records are kept in their own arrangement; only those labelling would
-  // arrange otherwise (made by hand) are held rearranged.
-  std::unordered_multimap<std::uint64_t, int> seen;
-  std::unordered_map<int, SpaceFragment> rearranged;
+  // arrange otherwise (made by hand) are held rearranged as well.
+  const int n = static_cast<int>(space.fragments.size());
+  std::vector<int> rearranged(n + 1, -1);  // descriptor -> index in space.rearranged
   auto form_of = [&](int d) -> const SpaceFragment& {
-    const auto it = rearranged.find(d);
-    return it == rearranged.end() ? space.fragments[d - 1] : it->second;
+    return rearranged[d] < 0 ? space.fragments[d - 1] : space.rearranged[rearranged[d]].second;
   };
-  for (int d = 1; d <= static_cast<int>(space.fragments.size()); ++d) {
-    SpaceFragment arranged;
-    if (canonical_arrangement(space.fragments[d - 1], arranged) && !same_arrays(arranged, space.fragments[d - 1]))
-      rearranged.emplace(d, std::move(arranged));
-    const SpaceFragment& mine = form_of(d);
-    const std::uint64_t h = own_hash(mine);
-    for (auto [it, end] = seen.equal_range(h); it != end; ++it)
-      if (same_arrays(form_of(it->second), mine))
-        fatal_error(format_text("%s: record %d: the same fragment as record %d\n", name.c_str(), d, it->second));
-    seen.emplace(h, d);
+  std::vector<std::pair<std::uint64_t, int>> hashes(n);
+  Graph g;
+  for (int d = 1; d <= n; ++d) {
+    const SpaceFragment& f = space.fragments[d - 1];
+    if (canonical_arrangement(f, g) && !same_arrays(g, f)) {
+      rearranged[d] = static_cast<int>(space.rearranged.size());
+      space.rearranged.emplace_back(d, SpaceFragment{g.vs, g.es, g.v, g.e, g.vl, g.el});
+    }
+    hashes[d - 1] = {own_hash(form_of(d)), d};
   }
+  // Within a run of equal hashes, records in file order: the first record
+  // that repeats an earlier one is named, with the earliest it repeats.
+  std::sort(hashes.begin(), hashes.end());
+  int again = 0, earlier = 0;
+  for (std::size_t lo = 0, hi; lo < hashes.size(); lo = hi) {
+    for (hi = lo + 1; hi < hashes.size() && hashes[hi].first == hashes[lo].first;) ++hi;
+    for (std::size_t j = lo + 1; j < hi; ++j) {
+      const int d = hashes[j].second;
+      if (again != 0 && d >= again) break;
+      for (std::size_t i = lo; i < j; ++i)
+        if (same_arrays(form_of(hashes[i].second), form_of(d))) {
+          again = d;
+          earlier = hashes[i].second;
+          break;
+        }
+    }
+  }
+  if (again != 0)
+    fatal_error(format_text("%s: record %d: the same fragment as record %d\n", name.c_str(), again, earlier));
+}
+
+}  // namespace
+
+DescriptorSpace read_space(const std::string& name, std::string text, bool keep_text) {
+  DescriptorSpace space;
+  space.name = name;
+  Lines lines{std::string_view(text)};
+  read_records(name, lines, space);
   if (keep_text) space.text = std::move(text);
   return space;
 }
 
 DescriptorSpace read_space_file(const std::string& path, bool keep_text) {
   FilePtr f = open_file(path, "r");
-  // Read in one piece when the size is known: growing a string of tens of
-  // megabytes step by step costs more than parsing it.
-  std::string text;
-  if (std::fseek(f.get(), 0, SEEK_END) == 0) {
-    const long size = std::ftell(f.get());
-    std::rewind(f.get());
-    if (size > 0) {
-      text.resize(static_cast<std::size_t>(size));
-      text.resize(std::fread(text.data(), 1, text.size(), f.get()));
-    }
+  if (keep_text) {
+    std::string text;
+    char buffer[1 << 16];
+    for (std::size_t got; (got = std::fread(buffer, 1, sizeof buffer, f.get())) > 0;) text.append(buffer, got);
+    if (std::ferror(f.get())) fatal_error(format_text("can't read a file '%s'\n", path.c_str()));
+    return read_space(path, std::move(text), true);
   }
-  char buffer[1 << 16];
-  for (std::size_t got; (got = std::fread(buffer, 1, sizeof buffer, f.get())) > 0;) text.append(buffer, got);
-  if (std::ferror(f.get())) fatal_error(format_text("can't read a file '%s'\n", path.c_str()));
-  return read_space(path, std::move(text), keep_text);
+  DescriptorSpace space;
+  space.name = path;
+  Lines lines{f.get()};
+  read_records(path, lines, space);
+  return space;
 }
 
 std::string_view record_text(const DescriptorSpace& space, int d) {
@@ -384,16 +493,19 @@ SpaceMatcher::SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& 
     return form_hash(f.vs, f.es, f.v.data(), f.e.data(), [&](int i) { return atom_index_[f.vl[i]]; },
                      [&](int j) { return bond_index_[f.el[j]]; });
   };
+  candidates_.reserve(space.fragments.size() + space.rearranged.size());
   for (int d = 1; d <= static_cast<int>(space.fragments.size()); ++d)
-    if (reachable(space.fragments[d - 1])) candidates_.emplace(input_hash(space.fragments[d - 1]), d);
-  for (int d = 1; d <= static_cast<int>(space.fragments.size()); ++d) {
-    SpaceFragment arranged;
-    const SpaceFragment& f = space.fragments[d - 1];
-    if (!reachable(f) || !canonical_arrangement(f, arranged) || same_arrays(arranged, f)) continue;
-    arranged_.push_back(std::move(arranged));
-    arranged_descriptor_.push_back(d);
-    candidates_.emplace(input_hash(arranged_.back()), -static_cast<int>(arranged_.size()));
-  }
+    if (reachable(space.fragments[d - 1])) candidates_.emplace_back(input_hash(space.fragments[d - 1]), d);
+  for (int k = 0; k < static_cast<int>(space.rearranged.size()); ++k)
+    if (reachable(space.rearranged[k].second))
+      candidates_.emplace_back(input_hash(space.rearranged[k].second), -(k + 1));
+  // By hash, and for one hash the records as written first (ascending), then
+  // the rearranged ones.
+  std::sort(candidates_.begin(), candidates_.end(), [](const auto& a, const auto& b) {
+    if (a.first != b.first) return a.first < b.first;
+    if ((a.second > 0) != (b.second > 0)) return a.second > 0;
+    return std::abs(a.second) < std::abs(b.second);
+  });
 }
 
 int SpaceMatcher::lookup(int form) {
@@ -409,13 +521,14 @@ int SpaceMatcher::lookup(int form) {
   };
   // Arrays as written come first, so a run's own records keep their own
   // occurrences whatever a rearranged record could claim.
-  int best = 0;
-  for (auto [it, end] = candidates_.equal_range(h); it != end; ++it) {
+  auto it = std::lower_bound(candidates_.begin(), candidates_.end(), h,
+                             [](const std::pair<std::uint64_t, int>& c, std::uint64_t key) { return c.first < key; });
+  for (; it != candidates_.end() && it->first == h; ++it) {
     const int c = it->second;
     if (c > 0 && equal(space_.fragments[c - 1])) return c;
-    if (c < 0 && best == 0 && equal(arranged_[-c - 1])) best = arranged_descriptor_[-c - 1];
+    if (c < 0 && equal(space_.rearranged[-c - 1].second)) return space_.rearranged[-c - 1].first;
   }
-  return best;
+  return 0;
 }
 
 void SpaceMatcher::match(const Graph& compound, int compid, DescriptorPairs& pairs) {

@@ -16,7 +16,6 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -43,6 +42,9 @@ struct DescriptorSpace {
   std::string text;                        // the records as read (kept only when asked for)
   std::vector<std::pair<std::size_t, std::size_t>> spans;  // (start, length) of each record in text
   int shortest = 0, longest = 0;           // bonds of the shortest and longest fragment; 0 for none
+  // (descriptor, its fragment as labelling arranges it) for the records
+  // written in another arrangement, which only records made by hand are.
+  std::vector<std::pair<int, SpaceFragment>> rearranged;
 };
 
 // Reads the records of a structure file from text (name names it in
@@ -86,9 +88,9 @@ class SpaceMatcher {
 
   const DescriptorSpace& space_;
   std::vector<int> atom_index_, bond_index_;  // space label -> input label, -1 for none
-  std::unordered_multimap<std::uint64_t, int> candidates_;  // form hash -> descriptor
-  std::vector<SpaceFragment> arranged_;  // labelling's arrangement where a record is in another
-  std::vector<int> arranged_descriptor_;
+  // (form hash, d) for descriptor d as written, (form hash, -k) for entry
+  // k - 1 of space_.rearranged; sorted by hash.
+  std::vector<std::pair<std::uint64_t, int>> candidates_;
   FragmentCounter counter_;
   std::vector<int> match_;   // per counted form: descriptor, 0 for none, -1 not looked up yet
   std::vector<char> found_;  // per descriptor: met in some compound

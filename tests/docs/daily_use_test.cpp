@@ -9,10 +9,10 @@ using namespace testsupport;
 
 namespace {
 
-// The ```python blocks of a Markdown text, in order.
-std::vector<std::string> python_blocks(const std::string& markdown) {
+// The ```python (or other language's) blocks of a Markdown text, in order.
+std::vector<std::string> python_blocks(const std::string& markdown, const std::string& language = "python") {
   std::vector<std::string> blocks;
-  const std::string open = "```python\n", close = "```\n";
+  const std::string open = "```" + language + "\n", close = "```\n";
   for (std::size_t at = markdown.find(open); at != std::string::npos; at = markdown.find(open, at)) {
     at += open.size();
     const std::size_t end = markdown.find(close, at);
@@ -35,7 +35,7 @@ TEST(daily_use, python_examples_load_the_matrix_and_draw_a_descriptor) {
   }
   const std::vector<std::string> blocks =
       python_blocks(read_file(std::string(TAVRIX_TEST_DATA) + "/../../README.md"));
-  ASSERT_EQ(blocks.size(), 2u);
+  ASSERT_EQ(blocks.size(), 3u);  // the matrix, new compounds, drawing
 
   write_file(dir + "/compounds.sdf", read_file(std::string(TAVRIX_TEST_DATA) + "/example/example.sdf"));
   ASSERT_EQ(testsupport::run_tavrix({"-lmax", "5", "-ofile", "run1", "compounds.sdf"}, dir).status, 1);
@@ -51,9 +51,44 @@ TEST(daily_use, python_examples_load_the_matrix_and_draw_a_descriptor) {
   EXPECT_NE(matrix.out.find("\ndescriptor 2: in 3 compounds\ndescriptor 7: in 3 compounds\n"), std::string::npos)
       << matrix.out;
 
-  write_file(dir + "/draw.py", blocks[1]);
+  write_file(dir + "/draw.py", blocks[2]);
   const auto draw = run_program("/usr/bin/python3", {"draw.py"}, dir);
   ASSERT_EQ(draw.status, 0) << draw.err;
   EXPECT_EQ(read_file(dir + "/descriptor12.png").substr(1, 3), "PNG");
+  remove_tree(dir);
+}
+
+// The worked train/test example: its shell steps from the repository folder
+// with the built programs first on PATH, then its Python block.
+TEST(daily_use, new_compounds_get_the_columns_of_the_training_run) {
+  if (access("/usr/bin/python3", X_OK) != 0) GTEST_SKIP() << "no /usr/bin/python3";
+  const std::string dir = make_temp_dir();
+  if (run_program("/usr/bin/python3", {"-c", "import scipy.io"}, dir).status != 0) {
+    remove_tree(dir);
+    GTEST_SKIP() << "needs SciPy";
+  }
+  const std::string readme = read_file(std::string(TAVRIX_TEST_DATA) + "/../../README.md");
+  const std::vector<std::string> shell = python_blocks(readme, "sh"), python = python_blocks(readme);
+  ASSERT_EQ(shell.size(), 1u);
+  ASSERT_EQ(python.size(), 3u);
+  const std::string programs = std::string(TAVRIX_BINARY).substr(0, std::string(TAVRIX_BINARY).rfind('/'));
+  const std::string root = std::string(TAVRIX_TEST_DATA) + "/../..";
+  // The example writes into the current folder: run it on a copy of the one
+  // file it reads.
+  ASSERT_EQ(std::system(("mkdir -p '" + dir + "/tests/data/golden/inputs' && cp '" + root +
+                         "/tests/data/golden/inputs/nci200.sdf.xz' '" + dir + "/tests/data/golden/inputs/'")
+                            .c_str()),
+            0);
+  write_file(dir + "/example.sh", shell[0]);
+  const auto steps = run_program("/bin/sh", {"-c", "PATH='" + programs + "':$PATH; . ./example.sh"}, dir);
+  ASSERT_EQ(steps.status, 0) << steps.out << steps.err;
+  EXPECT_NE(steps.out.find("compounds read: 50\ndescriptors in the space: 1780 (fragments of 1 to 5 bonds)\n"),
+            std::string::npos)
+      << steps.out;
+
+  write_file(dir + "/model.py", python[1]);
+  const auto model = run_program("/usr/bin/python3", {"model.py"}, dir);
+  ASSERT_EQ(model.status, 0) << model.err;
+  EXPECT_EQ(model.out, "train: (150, 1780) test: (50, 1780)\n");
   remove_tree(dir);
 }

@@ -3,11 +3,14 @@
 // earlier run's descriptor numbers as columns.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "common/common.h"
 #include "input/input.h"
@@ -54,16 +57,36 @@ ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpac
     unlink(temporary.c_str());
     fatal_error(format_text("can't open a file '%s'\n", path.c_str()));
   }
+  // Megabytes of lines: fewer, larger writes; the buffer outlives the stream.
+  std::vector<char> buffer(1 << 20);
   FilePtr out(f);
+  std::setvbuf(f, buffer.data(), _IOFBF, buffer.size());
   SpaceMatcher matcher(space, input.dictionary);
   DescriptorPairs pairs;
+  std::vector<char> line;
   try {
     RaiseFailures raise;
     for (std::size_t c = 0; c < input.compounds.size(); ++c) {
       matcher.match(input.compounds[c], static_cast<int>(c), pairs);
-      std::fprintf(f, "\"%s\",%zu", input.compound_names[c].c_str(), pairs.size());
-      for (const auto& [descriptor, count] : pairs) std::fprintf(f, ",%d,%d", descriptor, count);
-      std::fputc('\n', f);
+      // As Tavrix writes its lines: the name as "%s" would (up to a NUL
+      // byte), then the numbers, each of at most 11 characters.
+      const std::string& name = input.compound_names[c];
+      const std::size_t name_length = std::strlen(name.c_str());
+      line.resize(name_length + 16 + pairs.size() * 24);
+      char* at = line.data();
+      *at++ = '"';
+      at = std::copy_n(name.data(), name_length, at);
+      *at++ = '"';
+      *at++ = ',';
+      at = std::to_chars(at, at + 20, pairs.size()).ptr;
+      for (const auto& [descriptor, count] : pairs) {
+        *at++ = ',';
+        at = std::to_chars(at, at + 11, descriptor).ptr;
+        *at++ = ',';
+        at = std::to_chars(at, at + 11, count).ptr;
+      }
+      *at++ = '\n';
+      std::fwrite(line.data(), 1, static_cast<std::size_t>(at - line.data()), f);
     }
     close_output(std::move(out), path);
   } catch (...) {
@@ -77,9 +100,22 @@ ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpac
   return matcher.summary();
 }
 
+// The compounds, refused with the messages of Tavrix's own readers; those
+// that do not name the file ("compound 3 (x): bond line 2 names atom 0")
+// get its name in front, since two files are in play here.
+CompoundInput read_input(const RunSettings& settings) {
+  try {
+    return read_compounds_in_memory(settings, InputSource{settings.infile, nullptr});
+  } catch (Failure& failure) {
+    if (failure.message.find("'" + settings.infile + "'") == std::string::npos)
+      failure.message = settings.infile + ": " + failure.message;
+    throw;
+  }
+}
+
 int apply_and_report(const RunSettings& settings, const std::string& structure_file) {
   const DescriptorSpace space = read_space_file(structure_file, false);
-  const CompoundInput input = read_compounds_in_memory(settings, InputSource{settings.infile, nullptr});
+  const CompoundInput input = read_input(settings);
   const std::string out = settings.outfstem + ".out";
   const ApplySummary summary = write_descriptor_file(out, space, input);
 
