@@ -77,8 +77,10 @@ int run(int argc, char** argv) {
         threshold <= counter.longest() ? counter.number_length(table, threshold) : std::vector<int>();
     idmap.resize(static_cast<std::size_t>(table.total) + 1, -1);
     issue_descriptors(counter, forms, settings, input.dictionary, idmap, k, structure.get());
+    check_written(structure.get(), settings.outfstem + "_frag.sdf");
     std::printf("total upto this threshold = %d,value of k = %d\n", table.total, k);
   }
+  close_written(structure, settings.outfstem + "_frag.sdf");
   std::printf("total features stored after freq elimination = %d\n", k);
 
   input.compounds = {};

@@ -154,7 +154,7 @@ DictionaryScan scan_mol2_labels(const RunSettings& settings, const std::string& 
     }
     reach_next_molecule(c);
   }
-  dict.reset();
+  close_written(dict, dict_name);
   file.reset();
   std::printf("total compounds = %d\n", count);
   return DictionaryScan{count, labels.overflow_record};

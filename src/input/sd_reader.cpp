@@ -120,7 +120,7 @@ DictionaryScan scan_sd_labels(const RunSettings& settings, const std::string& di
     ++count;
     if (file_ended) break;
   }
-  dict.reset();
+  close_written(dict, dict_name);
   file.reset();
   std::printf("total compounds = %d\n", count);
   return DictionaryScan{count, labels.overflow_record};
