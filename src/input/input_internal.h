@@ -146,6 +146,11 @@ void collect_atom_label(LabelCollector& labels, std::string_view label, int reco
 // The message of a record whose labels overflowed the list.
 [[noreturn]] void refuse_label_overflow(const RecordRef& record);
 
+// Says on standard error when the input starts with the gzip signature: such
+// a file reads as no compound or as garbage, and nothing else would tell why.
+// Reads the first bytes without moving the stream.
+void warn_if_compressed(std::FILE* file, const std::string& name);
+
 // ---- SD reader ----
 
 DictionaryScan scan_sd_labels(const RunSettings& settings, const std::string& dict_name);

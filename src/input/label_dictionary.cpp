@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <unistd.h>
 
 InputLines::InputLines(std::FILE* stream, std::size_t chunk_size, std::size_t line_buffer_size)
     : stream_(stream), chunk_size_(chunk_size), line_limit_(line_buffer_size - 1), chunk_(new char[chunk_size]) {
@@ -208,4 +209,13 @@ LabelDictionary load_label_dictionary(const std::string& file_name) {
     else add_vertex_label(label, dict);
   }
   return dict;
+}
+
+void warn_if_compressed(std::FILE* file, const std::string& name) {
+  unsigned char head[2];
+  if (pread(fileno(file), head, 2, 0) != 2 || head[0] != 0x1f || head[1] != 0x8b) return;
+  std::fprintf(stderr,
+               "warning: '%s' is compressed with gzip, which Tavrix reads as it stands (no compounds or "
+               "garbage); decompress it first (gzip -dc '%s' > FILE) and give Tavrix FILE\n",
+               name.c_str(), name.c_str());
 }

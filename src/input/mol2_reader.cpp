@@ -135,6 +135,7 @@ const char* mol2_bond_label(std::string_view type) {
 DictionaryScan scan_mol2_labels(const RunSettings& settings, const std::string& dict_name) {
   FilePtr dict = create_dictionary_file(dict_name, true);
   FilePtr file = open_file(settings.infile, "r");
+  warn_if_compressed(file.get(), settings.infile);
   Mol2Cursor c(file.get());
   c.advance();
   TokenArray tokens;

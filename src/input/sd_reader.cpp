@@ -95,13 +95,17 @@ struct SdBond {
 DictionaryScan scan_sd_labels(const RunSettings& settings, const std::string& dict_name) {
   FilePtr dict = create_dictionary_file(dict_name, false);
   FilePtr file = open_file(settings.infile, "r");
+  warn_if_compressed(file.get(), settings.infile);
   InputLines in(file.get());
   TokenArray tokens;
   LabelCollector labels;
   labels.dict = dict.get();
-  int count = 0;
+  int count = 0, v3000 = 0;
   SdHeader h;
   while (read_sd_header(in, h)) {
+    // The counts line of a V3000 record holds zeros; its atoms and bonds
+    // stand in a block this reader does not know.
+    if (columns(in.line, 35, 39) == "V3000") ++v3000;
     RecordRef record{count + 1, sd_name(h, count)};
     bool file_ended = false, record_ended = false;
     for (int k = 0; k < h.na && !record_ended; ++k) {
@@ -123,6 +127,11 @@ DictionaryScan scan_sd_labels(const RunSettings& settings, const std::string& di
   close_written(dict, dict_name);
   file.reset();
   std::printf("total compounds = %d\n", count);
+  if (v3000 > 0)
+    std::fprintf(stderr,
+                 "warning: %d of the %d records of '%s' are V3000 molfiles, which are read as compounds without "
+                 "atoms or bonds; convert them to V2000 for descriptors\n",
+                 v3000, count, settings.infile.c_str());
   return DictionaryScan{count, labels.overflow_record};
 }
 
