@@ -99,7 +99,10 @@ int run_tavrix(int argc, char** argv) {
   // than on every move to a larger block.
   mallopt(M_MMAP_THRESHOLD, 1 << 30);
   mallopt(M_TRIM_THRESHOLD, 1 << 30);
-  mallopt(M_TOP_PAD, 64 << 20);
+  // Each extension of the heap asks for 8 MB more than needed: few enough
+  // system calls for a large run, yet a small one fits a tight address-space
+  // limit (ulimit -v), where a larger pad would fail the first allocation.
+  mallopt(M_TOP_PAD, 8 << 20);
   try {
     return run(argc, argv);
   } catch (const std::exception&) {
