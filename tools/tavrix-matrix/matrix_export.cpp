@@ -66,9 +66,9 @@ std::string write_fault(const std::string& path) {
 
 // True when path names the already open file (a link or another spelling
 // of it included): opening it for writing would empty it.
-bool is_same_file(const std::string& path, std::FILE* open_file) {
+bool is_same_file(const std::string& path, std::FILE* input) {
   struct stat a, b;
-  return stat(path.c_str(), &a) == 0 && fstat(fileno(open_file), &b) == 0 && a.st_dev == b.st_dev &&
+  return stat(path.c_str(), &a) == 0 && fstat(fileno(input), &b) == 0 && a.st_dev == b.st_dev &&
          a.st_ino == b.st_ino;
 }
 
