@@ -7,6 +7,8 @@
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(dirname "$here")
+# /usr/bin/time (Debian: time) measures the peak memory.
+bash "$root/scripts/deps.sh" time
 build=${TAVRIX_BENCH_BUILD:-$root/build-bench}
 runs=${RUNS:-5}
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DTAVRIX_TESTS=OFF > /dev/null

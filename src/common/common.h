@@ -94,10 +94,18 @@ using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 // A directory opened for reading counts as a file that cannot be opened.
 FilePtr open_file(const std::string& name, const char* mode);
 
-// Flushes and closes an output file. A write that failed on the way (a full
-// disk, a file size limit) ends the run with "can't write a file '<name>':
-// <reason>".
-void close_output(FilePtr file, const std::string& name);
+// Ends the run with "can't write a file '<name>': <reason>" when a write to
+// f has failed; call it right after the writes it covers.
+void check_written(std::FILE* f, const std::string& name);
+
+// Flushes and closes f (left empty), ending the run as check_written does when
+// anything written to it, at any time, was lost.
+void close_written(FilePtr& f, const std::string& name);
+
+// Opens /dev/null on each of descriptors 0, 1 and 2 that is closed, so that no
+// file opened later takes one of them and receives what is meant for a
+// standard stream. The first call of main.
+void open_standard_descriptors();
 
 // ---- Growable array and label sets ----------------------------------------
 

@@ -108,12 +108,3 @@ FilePtr open_file(const std::string& name, const char* mode) {
   if (f == nullptr) fatal_error(format_text("can't open a file '%s'\n", name.c_str()));
   return FilePtr(f);
 }
-
-void close_output(FilePtr file, const std::string& name) {
-  std::FILE* f = file.release();
-  int error = 0;
-  if (std::fflush(f) != 0) error = errno;
-  if (std::ferror(f) != 0 && error == 0) error = EIO;
-  if (std::fclose(f) != 0 && error == 0) error = errno;
-  if (error != 0) fatal_error(format_text("can't write a file '%s': %s\n", name.c_str(), std::strerror(error)));
-}

@@ -387,7 +387,7 @@ void count_compounds(CompoundStream& input, const CountOptions& options, Counted
 }
 
 void number_forms(const CountedRun& run, const RunSettings& settings, const LabelDictionary& dict, bool announce,
-                  std::FILE* structure, Numbering& numbering) {
+                  std::FILE* structure, const std::string& structure_name, Numbering& numbering) {
   const int forms = static_cast<int>(run.store.forms.size());
   numbering.id.assign(forms, 0);
   numbering.descriptor.assign(forms, 0);
@@ -414,10 +414,11 @@ void number_forms(const CountedRun& run, const RunSettings& settings, const Labe
       if (settings.mol2input) write_mol2_fragment(entry, form_view(run.store, f), dict, structure);
       else write_sd_fragment(entry, form_view(run.store, f), dict, structure);
     }
+    // A lost write is reported with the length it belongs to.
+    if (structure != nullptr) check_written(structure, structure_name);
     if (announce)
       std::printf("total upto this threshold = %d,value of k = %d\n", numbering.total, numbering.descriptors);
   }
-  if (announce) std::printf("total features stored after freq elimination = %d\n", numbering.descriptors);
 }
 
 void start_rows(CountedRun& run, RowReader& rows) {

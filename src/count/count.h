@@ -88,11 +88,11 @@ struct Numbering {
   int descriptors = 0;          // descriptors issued
 };
 
-// Numbers every length; with `announce`, prints the length lines and the
-// final total on standard output; writes each descriptor's record to
-// structure when set.
+// Numbers every length; with `announce`, prints the two lines of each length
+// on standard output; writes each descriptor's record to structure when set
+// (named structure_name in the message of a lost write).
 void number_forms(const CountedRun& run, const RunSettings& settings, const LabelDictionary& dict, bool announce,
-                  std::FILE* structure, Numbering& numbering);
+                  std::FILE* structure, const std::string& structure_name, Numbering& numbering);
 
 // Reading the compounds back, in input order, with their descriptors.
 struct RowReader {

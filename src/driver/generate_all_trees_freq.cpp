@@ -47,8 +47,9 @@ int run(int argc, char** argv) {
   CountedRun counted;
   count_compounds(input, options, counted);
   Numbering numbering;
-  number_forms(counted, settings, input.dictionary, true, structure.get(), numbering);
-  close_output(std::move(structure), structure_name);
+  number_forms(counted, settings, input.dictionary, true, structure.get(), structure_name, numbering);
+  close_written(structure, structure_name);
+  std::printf("total features stored after freq elimination = %d\n", numbering.descriptors);
   input.dictionary = {};
   write_descriptor_rows(settings.outfstem, counted, numbering);
   remove_dictionary_file(settings.infile);
@@ -58,13 +59,17 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int run_tavrix(int argc, char** argv) {
-  install_memory_handler();
+  // No new-handler that ends the process: with worker threads, an exhausted
+  // heap must unwind (workers stop first) to the report below.
   // The run's arrays grow by doubling to tens of megabytes; kept in the heap
   // and never handed back early, their pages are faulted in once rather
   // than on every move to a larger block.
   mallopt(M_MMAP_THRESHOLD, 1 << 30);
   mallopt(M_TRIM_THRESHOLD, 1 << 30);
-  mallopt(M_TOP_PAD, 64 << 20);
+  // Each extension of the heap asks for 8 MB more than needed: few enough
+  // system calls for a large run, yet a small one fits a tight address-space
+  // limit (ulimit -v), where a larger pad would fail the first allocation.
+  mallopt(M_TOP_PAD, 8 << 20);
   try {
     return run(argc, argv);
   } catch (const std::exception&) {

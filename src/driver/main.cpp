@@ -1,4 +1,9 @@
 // Tavrix: fragment-based descriptors for a file of chemical compounds.
 #include "driver/driver.h"
 
-int main(int argc, char** argv) { return run_tavrix(argc, argv); }
+#include "common/common.h"
+
+int main(int argc, char** argv) {
+  open_standard_descriptors();
+  return run_tavrix(argc, argv);
+}

@@ -73,10 +73,12 @@ bool same_form(const GraphView& a, const GraphView& b) {
 
 FragmentCounter::FragmentCounter(int lmin, int lmax, int opt) : lmin_(lmin), lmax_(lmax), opt_(opt) {
   create_occupancy(numbers_.occupancy);
-  // Room for the forms and steps of a typical set of thousands of compounds:
-  // address space only until used, and it spares the copies of doubling.
-  memo_.arrays.reserve(std::size_t{1} << 22);
-  memo_.pool.reserve(std::size_t{1} << 18);
+  // Room for the forms and steps of a thousand compounds or so, which spares
+  // the first copies of doubling. Unused room still counts against an
+  // address-space limit (ulimit -v), so it stays at a few megabytes: larger
+  // sets pay a handful of doublings, which the benchmark does not notice.
+  memo_.arrays.reserve(std::size_t{1} << 20);
+  memo_.pool.reserve(std::size_t{1} << 16);
 }
 
 GraphView FragmentCounter::form(int f) const {

@@ -158,6 +158,7 @@ struct DictionaryScan {
   // of earlier records keep their turn.
   int label_overflow_record = -1;
   std::vector<std::string> labels;  // distinct atom labels, in order of first appearance
+  int v3000_records = 0;            // SD records whose counts line says V3000
 };
 
 // The atom label list of the dictionary pass and the file it feeds, if any.
@@ -179,6 +180,11 @@ DictionaryScan finish_scan(LabelCollector& labels, int compounds);
 
 // The message of a record whose labels overflowed the list.
 [[noreturn]] void refuse_label_overflow(const RecordRef& record);
+
+// Says on standard error when the input starts with the gzip signature: such
+// a file reads as no compound or as garbage, and nothing else would tell why.
+// Reads the first bytes without moving the stream.
+void warn_if_compressed(std::FILE* file, const std::string& name);
 
 struct SdGraphPass;    // the graph pass's state, one per reader
 struct Mol2GraphPass;

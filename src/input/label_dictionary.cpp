@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <unistd.h>
 
 InputLines::InputLines(std::FILE* stream, std::size_t chunk_size, std::size_t line_buffer_size)
     : stream_(stream), chunk_size_(chunk_size), line_limit_(line_buffer_size - 1), chunk_(new char[chunk_size]) {
@@ -240,7 +241,7 @@ FilePtr create_dictionary_file(const std::string& dict_name, bool mol2) {
   return dict;
 }
 
-void finish_dictionary_file(FilePtr dict, const std::string& dict_name) { close_output(std::move(dict), dict_name); }
+void finish_dictionary_file(FilePtr dict, const std::string& dict_name) { close_written(dict, dict_name); }
 
 LabelDictionary load_label_dictionary(const std::string& file_name) {
   LabelDictionary dict = new_label_dictionary();
@@ -324,4 +325,13 @@ bool input_has_changed(const InputFile& input) {
 
 void refuse_changed_input(const InputFile& input) {
   fatal_error(format_text("input file changed while it was being read: '%s'\n", input.name.c_str()));
+}
+
+void warn_if_compressed(std::FILE* file, const std::string& name) {
+  unsigned char head[2];
+  if (pread(fileno(file), head, 2, 0) != 2 || head[0] != 0x1f || head[1] != 0x8b) return;
+  std::fprintf(stderr,
+               "warning: '%s' is compressed with gzip, which Tavrix reads as it stands (no compounds or "
+               "garbage); decompress it first (gzip -dc '%s' > FILE) and give Tavrix FILE\n",
+               name.c_str(), name.c_str());
 }

@@ -134,6 +134,7 @@ const char* mol2_bond_label(std::string_view type) {
 
 DictionaryScan scan_mol2_labels(const RunSettings& settings, InputFile& input, std::FILE* dict) {
   FilePtr file = open_pass(input);
+  warn_if_compressed(file.get(), input.name);
   Mol2Cursor c(file.get());
   c.advance();
   TokenArray tokens;

@@ -55,6 +55,15 @@ void open_passes(const RunSettings& settings, InputFile& input, bool dictionary_
     finish_dictionary_file(std::move(dict), dict_name);
     std::printf("total compounds = %d\n", scan.compounds);
   }
+  if (scan.v3000_records > 0) {
+    // Such a record's atoms and bonds stand in a block this reader does not
+    // know, so it reads as a compound without atoms: say so, once.
+    std::fflush(stdout);
+    std::fprintf(stderr,
+                 "warning: %d of the %d records of '%s' are V3000 molfiles, which are read as compounds without "
+                 "atoms or bonds; convert them to V2000 for descriptors\n",
+                 scan.v3000_records, scan.compounds, input.name.c_str());
+  }
   if (mol2) mol2_allocation_pass(settings, input, scan.compounds);
   else sd_allocation_pass(settings, input, scan.compounds);
   out.dictionary = dictionary_file ? load_label_dictionary(dict_name) : dictionary_of_labels(mol2, scan.labels);

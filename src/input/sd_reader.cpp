@@ -94,13 +94,17 @@ struct SdBond {
 
 DictionaryScan scan_sd_labels(const RunSettings&, InputFile& input, std::FILE* dict) {
   FilePtr file = open_pass(input);
+  warn_if_compressed(file.get(), input.name);
   InputLines in(file.get());
   TokenArray tokens;
   LabelCollector labels;
   labels.dict = dict;
-  int count = 0;
+  int count = 0, v3000 = 0;
   SdHeader h;
   while (read_sd_header(in, h)) {
+    // The counts line of a V3000 record holds zeros; its atoms and bonds
+    // stand in a block this reader does not know.
+    if (columns(in.line, 35, 39) == "V3000") ++v3000;
     RecordRef record{count + 1, sd_name(h, count)};
     bool file_ended = false, record_ended = false;
     for (int k = 0; k < h.na && !record_ended; ++k) {
@@ -119,7 +123,9 @@ DictionaryScan scan_sd_labels(const RunSettings&, InputFile& input, std::FILE* d
     ++count;
     if (file_ended) break;
   }
-  return finish_scan(labels, count);
+  DictionaryScan scan = finish_scan(labels, count);
+  scan.v3000_records = v3000;
+  return scan;
 }
 
 // The pass that once sized every compound's arrays before the graph pass.

@@ -45,5 +45,5 @@ void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const N
     progress_update(progress, ++written, 0);
   }
   progress_finish(progress);
-  close_output(std::move(out), path);
+  close_written(out, path);
 }

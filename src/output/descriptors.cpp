@@ -12,7 +12,8 @@ void write_descriptor_file(const std::string& outfstem, const FragmentTable& tab
   // Megabytes of lines: fewer, larger writes. glibc takes the size only
   // together with a buffer, and the buffer must outlive the stream.
   std::vector<char> buffer(1 << 20);
-  FilePtr out = open_file(outfstem + ".out", "w");
+  const std::string name = outfstem + ".out";
+  FilePtr out = open_file(name, "w");
   std::setvbuf(out.get(), buffer.data(), _IOFBF, buffer.size());
   std::fputs("Descriptors generated : writing id and frequency files\n", stdout);
   const int n = static_cast<int>(compound_names.size());
@@ -44,5 +45,7 @@ void write_descriptor_file(const std::string& outfstem, const FragmentTable& tab
     }
     *at++ = '\n';
     std::fwrite(line.data(), 1, static_cast<std::size_t>(at - line.data()), out.get());
+    check_written(out.get(), name);
   }
+  close_written(out, name);
 }

@@ -81,4 +81,24 @@ INSTANTIATE_TEST_SUITE_P(public_files, golden_run,
                            return std::get<0>(info.param) + "_env" + std::to_string(std::get<1>(info.param));
                          });
 
+// Memory reserved up front must not keep a small run from a tight
+// address-space limit (a batch queue's ulimit -v).
+TEST(whole_run, a_small_run_fits_a_70_mb_address_space_limit) {
+#ifdef TAVRIX_SANITIZED
+  GTEST_SKIP() << "the sanitizers reserve terabytes of address space";
+#endif
+  const std::string work = make_temp_dir();
+  write_file(work + "/example.sdf", read_file(std::string(TAVRIX_TEST_DATA) + "/example/example.sdf"));
+  const RunResult free_run = run_tavrix({"-lmax", "3", "-ofile", "free", "example.sdf"}, work);
+  const RunResult limited = run_program(
+      "/bin/sh", {"-c", "ulimit -v 70000 && exec '" TAVRIX_BINARY "' -lmax 3 -ofile limited example.sdf"}, work);
+  EXPECT_EQ(limited.status, 1);
+  EXPECT_EQ(limited.err, "");
+  std::string expected = free_run.out;
+  expected.replace(expected.find("outfile = free"), 14, "outfile = limited");
+  EXPECT_EQ(limited.out, expected);
+  EXPECT_EQ(read_file(work + "/limited.out"), read_file(work + "/free.out"));
+  remove_tree(work);
+}
+
 }  // namespace

@@ -244,4 +244,26 @@ TEST(readers, handle_empty_and_unreadable_inputs) {
   EXPECT_INPUT_REFUSED(scratch.dir + "/missing.sdf", Flags{}, "can't open a file '" + scratch.dir + "/missing.sdf'\n");
 }
 
+// Files Tavrix does not read still give their usual output, byte for byte,
+// but standard error says why compounds are empty or missing.
+TEST(readers, warn_of_v3000_records_and_gzip_input_on_standard_error) {
+  Scratch scratch;
+  scratch.put("v.sdf", data("v3000_record_among_v2000.sdf"));
+  testsupport::RunResult r = testsupport::run_tavrix({"-lmax", "1", "v.sdf"}, scratch.dir);
+  EXPECT_EQ(r.out,
+            "mint = 1,maxt = 1,freqt = 1,option = QZ,opt = 1,outfile = v,filestub = v.sdf\ntotal compounds = 2\n"
+            "threshold = 1\ntotal upto this threshold = 2,value of k = 2\n"
+            "total features stored after freq elimination = 2\nDescriptors generated : writing id and frequency files\n");
+  EXPECT_EQ(testsupport::read_file(scratch.dir + "/v.out"), "\"ethanol v3000\",0\n\"ethanol v2000\",2,1,1,2,1\n");
+  EXPECT_EQ(r.err, "warning: 1 of the 2 records of 'v.sdf' are V3000 molfiles, which are read as compounds without "
+                   "atoms or bonds; convert them to V2000 for descriptors\n");
+
+  for (const char* name : {"z.sdf", "z.mol2"}) {
+    scratch.put(name, std::string("\x1f\x8b\x08\x00\n", 5));
+    r = testsupport::run_tavrix({"-lmax", "1", name}, scratch.dir);
+    EXPECT_NE(r.out.find("total compounds = 0\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.err.find(std::string("warning: '") + name + "' is compressed with gzip"), std::string::npos) << r.err;
+  }
+}
+
 }  // namespace

@@ -47,6 +47,27 @@ ReadMatrix read_mtx(const std::string& path) {
   return m;
 }
 
+// An output that is the input itself would empty it before it is read
+// again; an output that cannot take the bytes must not pass for a matrix.
+TEST(tavrix_matrix, refuses_its_own_input_as_output_and_reports_lost_writes) {
+  const std::string dir = make_temp_dir();
+  const std::string content = "\"a\",1,1,1\n";
+  write_file(dir + "/d.mtx", content);
+  auto r = run_matrix({"-o", "./d", "d.mtx"}, dir);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "./d.mtx: is the descriptor file being read; choose another -o STEM\n");
+  EXPECT_EQ(read_file(dir + "/d.mtx"), content);
+
+  for (const char* full : {"f.mtx", "f.rows"}) {
+    ASSERT_EQ(symlink("/dev/full", (dir + "/" + full).c_str()), 0);
+    r = run_matrix({"-o", "f", "d.mtx"}, dir);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, std::string(full) + ": can't write: No space left on device\n");
+    std::remove((dir + "/" + full).c_str());
+  }
+  remove_tree(dir);
+}
+
 }  // namespace
 
 TEST(descriptor_line, reads_names_counts_and_pairs_sorted_by_descriptor) {

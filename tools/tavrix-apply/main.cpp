@@ -88,7 +88,7 @@ ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpac
       *at++ = '\n';
       std::fwrite(line.data(), 1, static_cast<std::size_t>(at - line.data()), f);
     }
-    close_output(std::move(out), path);
+    close_written(out, path);
   } catch (...) {
     unlink(temporary.c_str());
     throw;

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/common.h"
 #include "matrix_export.h"
 
 namespace {
@@ -46,6 +47,7 @@ bool parse_columns(const char* text, long long& value) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  open_standard_descriptors();
   ExportRequest request;
   bool stem_given = false;
   int i = 1;

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <sys/stat.h>
 
 namespace {
 
@@ -57,6 +58,19 @@ std::string located(const std::string& path, long long line_number, const std::s
 }
 
 bool write_all(std::FILE* f, const char* data, std::size_t size) { return std::fwrite(data, 1, size, f) == size; }
+
+// The message of a failed write, taken while errno still holds its reason.
+std::string write_fault(const std::string& path) {
+  return path + ": can't write: " + std::strerror(errno != 0 ? errno : EIO);
+}
+
+// True when path names the already open file (a link or another spelling
+// of it included): opening it for writing would empty it.
+bool is_same_file(const std::string& path, std::FILE* input) {
+  struct stat a, b;
+  return stat(path.c_str(), &a) == 0 && fstat(fileno(input), &b) == 0 && a.st_dev == b.st_dev &&
+         a.st_ino == b.st_ino;
+}
 
 }  // namespace
 
@@ -117,6 +131,9 @@ std::string export_matrix(const ExportRequest& request) {
   const std::string& path = request.input;
   File in(std::fopen(path.c_str(), "rb"));
   if (!in) return path + ": " + std::strerror(errno);
+  const std::string mtx_path = request.stem + ".mtx", rows_path = request.stem + ".rows";
+  for (const std::string& out : {mtx_path, rows_path})
+    if (is_same_file(out, in.get())) return out + ": is the descriptor file being read; choose another -o STEM";
 
   // First pass: check every line and find the matrix size, before any
   // output exists, so a malformed file leaves nothing half written.
@@ -141,7 +158,6 @@ std::string export_matrix(const ExportRequest& request) {
   if (std::ferror(in.get())) return path + ": read error";
   const long long columns = request.columns >= 0 ? request.columns : largest;
 
-  const std::string mtx_path = request.stem + ".mtx", rows_path = request.stem + ".rows";
   File mtx(std::fopen(mtx_path.c_str(), "wb"));
   if (!mtx) return mtx_path + ": " + std::strerror(errno);
   File names(std::fopen(rows_path.c_str(), "wb"));
@@ -162,7 +178,7 @@ std::string export_matrix(const ExportRequest& request) {
   std::string out = "%%MatrixMarket matrix coordinate integer general\n";
   out += "% rows: compounds in the order of " + rows_path + "; columns: descriptor numbers\n";
   out += std::to_string(rows) + " " + std::to_string(columns) + " " + std::to_string(nonzeros) + "\n";
-  if (!write_all(mtx.get(), out.data(), out.size())) return fail(mtx_path + ": write error");
+  if (!write_all(mtx.get(), out.data(), out.size())) return fail(write_fault(mtx_path));
 
   // Second pass: the same lines again, now written out.
   std::rewind(in.get());
@@ -181,13 +197,13 @@ std::string export_matrix(const ExportRequest& request) {
       out += '\n';
     }
     written += static_cast<long long>(line.entries.size());
-    if (!write_all(mtx.get(), out.data(), out.size())) return fail(mtx_path + ": write error");
+    if (!write_all(mtx.get(), out.data(), out.size())) return fail(write_fault(mtx_path));
     if (!write_all(names.get(), line.name.data(), line.name.size()) || std::fputc('\n', names.get()) == EOF)
-      return fail(rows_path + ": write error");
+      return fail(write_fault(rows_path));
   }
   if (std::ferror(in.get()) || row != rows || written != nonzeros) return fail(path + ": changed while being read");
   // Closing flushes; a full disk shows up here at the latest.
-  if (std::fclose(mtx.release()) != 0) return fail(mtx_path + ": write error");
-  if (std::fclose(names.release()) != 0) return fail(rows_path + ": write error");
+  if (std::fclose(mtx.release()) != 0) return fail(write_fault(mtx_path));
+  if (std::fclose(names.release()) != 0) return fail(write_fault(rows_path));
   return "";
 }
