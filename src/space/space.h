@@ -13,27 +13,35 @@
 // counted for it.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "enumerate/fragment_counter.h"
 #include "input/input.h"
 
-// One descriptor's fragment as its record shows it.
+// One descriptor's fragment as its record shows it, its labels numbered by
+// byte order among the space's labels (as a file numbers its own).
 struct SpaceFragment {
-  int vs = 0;                      // atoms
-  int es = 0;                      // adjacency entries, two per bond
-  std::vector<int> v;              // vs + 1 offsets into e
-  std::vector<int> e;              // far end of each entry, ascending per atom
-  std::vector<std::string> atom;   // atom label of each atom
-  std::vector<std::string> bond;   // bond label of each entry: "-", "=", "#", "~" or "*"
+  int vs = 0;           // atoms
+  int es = 0;           // adjacency entries, two per bond
+  std::vector<int> v;   // vs + 1 offsets into e
+  std::vector<int> e;   // far end of each entry, ascending per atom
+  std::vector<int> vl;  // atom label of each atom: index into DescriptorSpace::atom_labels
+  std::vector<int> el;  // bond label of each entry: index into DescriptorSpace::bond_labels
 };
 
 struct DescriptorSpace {
   std::string name;                        // the structure file, for messages
   bool mol2 = false;                       // the records are Mol2 records
   std::vector<SpaceFragment> fragments;    // fragments[d - 1] is descriptor d
-  std::vector<std::string> records;        // the text of each record, as read
+  std::vector<std::string> atom_labels;    // every atom label of the records, in byte order
+  std::vector<std::string> bond_labels;    // every bond label ("-", "=", "#", "~", "*"), in byte order
+  std::string text;                        // the records as read (kept only when asked for)
+  std::vector<std::pair<std::size_t, std::size_t>> spans;  // (start, length) of each record in text
   int shortest = 0, longest = 0;           // bonds of the shortest and longest fragment; 0 for none
 };
 
@@ -41,11 +49,14 @@ struct DescriptorSpace {
 // messages). Anything but records as a run writes them ends with a message
 // naming the file, the record and the fault: a record cut short, a bond to a
 // missing atom, a record that is not a tree, the same fragment twice. An empty
-// text is an empty space.
-DescriptorSpace read_space(const std::string& name, const std::string& text);
+// text is an empty space. keep_text keeps the records' text in the space.
+DescriptorSpace read_space(const std::string& name, std::string text, bool keep_text);
 
 // The same from a file; a missing or unreadable file is refused too.
-DescriptorSpace read_space_file(const std::string& path);
+DescriptorSpace read_space_file(const std::string& path, bool keep_text);
+
+// The text of descriptor d's record (1-based), when the space kept it.
+std::string_view record_text(const DescriptorSpace& space, int d);
 
 // A compound's descriptors: (descriptor number, count) in the order a run
 // lists them, ascending length first, then first occurrence in the compound.
@@ -59,8 +70,33 @@ struct ApplySummary {
   long long descriptors_found = 0;    // descriptors met in at least one compound
 };
 
-// Finds the space's descriptors in every compound of the input, searching
-// the lengths from the shortest to the longest fragment of the space. rows
-// gets one entry per compound, in input order.
+// Finds a space's descriptors in compounds read with one label dictionary,
+// one compound after the other (only the fragments met so far are kept).
+class SpaceMatcher {
+ public:
+  SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& dict);
+  // The compound's descriptors, searching the lengths from the shortest to
+  // the longest fragment of the space. compid numbers the compounds, each
+  // once.
+  void match(const Graph& compound, int compid, DescriptorPairs& pairs);
+  const ApplySummary& summary() const { return summary_; }
+
+ private:
+  int lookup(int form);
+
+  const DescriptorSpace& space_;
+  std::vector<int> atom_index_, bond_index_;  // space label -> input label, -1 for none
+  std::unordered_multimap<std::uint64_t, int> candidates_;  // form hash -> descriptor
+  std::vector<SpaceFragment> arranged_;  // labelling's arrangement where a record is in another
+  std::vector<int> arranged_descriptor_;
+  FragmentCounter counter_;
+  std::vector<int> match_;   // per counted form: descriptor, 0 for none, -1 not looked up yet
+  std::vector<char> found_;  // per descriptor: met in some compound
+  std::vector<Occurrence> entries_;
+  ApplySummary summary_;
+};
+
+// Every compound of the input through one matcher; rows gets one entry per
+// compound, in input order.
 void apply_space(const DescriptorSpace& space, const CompoundInput& input, std::vector<DescriptorPairs>& rows,
                  ApplySummary& summary);

@@ -1,0 +1,146 @@
+// tavrix-apply: finds the descriptors of an earlier run (its structure file)
+// in the compounds of another file and writes their descriptor file, with the
+// earlier run's descriptor numbers as columns.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "common/common.h"
+#include "input/input.h"
+#include "settings/settings.h"
+#include "space/space.h"
+
+namespace {
+
+const char USAGE[] =
+    "usage: tavrix-apply [-NoAtmLabels] [-NoBndLabels] [-ofile STEM] STRUCTURE_FILE INPUT_FILE\n"
+    "\n"
+    "Counts the descriptors of STRUCTURE_FILE (the STEM_frag.sdf of a Tavrix run;\n"
+    "its n-th record is descriptor n) in every compound of INPUT_FILE (SD, or\n"
+    "Mol2 when the character after the first '.' of its name is 'm'), and writes\n"
+    "STEM.out in the format of a Tavrix descriptor file, with the same\n"
+    "descriptor numbers. STEM is INPUT_FILE up to its first '.' unless -ofile\n"
+    "gives it.\n"
+    "\n"
+    "  -NoAtmLabels  Mol2: atom types up to their first '.', as Tavrix -NoAtmLabels\n"
+    "  -NoBndLabels  every bond the same label, as Tavrix -NoBndLabels\n"
+    "  -ofile STEM   write STEM.out\n"
+    "  -h, --help    print this text\n"
+    "\n"
+    "Give the label switches of the run that wrote STRUCTURE_FILE.\n"
+    "Exit status: 0 after a complete run, 1 after an error (no STEM.out is\n"
+    "written then), 2 for a wrong command line.\n";
+
+int usage_error(const std::string& message) {
+  std::fprintf(stderr, "tavrix-apply: %s\n\n%s", message.c_str(), USAGE);
+  return 2;
+}
+
+// The descriptor file goes to a temporary name beside it and takes its name
+// only once complete, so a failure leaves no partial file (and an older file
+// of that name as it was).
+// Each compound's line is written as soon as its descriptors are known.
+ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpace& space, const CompoundInput& input) {
+  std::string temporary = path + ".XXXXXX";
+  const int fd = mkstemp(temporary.data());
+  if (fd < 0) fatal_error(format_text("can't open a file '%s'\n", path.c_str()));
+  std::FILE* f = fdopen(fd, "w");
+  if (f == nullptr) {
+    close(fd);
+    unlink(temporary.c_str());
+    fatal_error(format_text("can't open a file '%s'\n", path.c_str()));
+  }
+  FilePtr out(f);
+  SpaceMatcher matcher(space, input.dictionary);
+  DescriptorPairs pairs;
+  try {
+    RaiseFailures raise;
+    for (std::size_t c = 0; c < input.compounds.size(); ++c) {
+      matcher.match(input.compounds[c], static_cast<int>(c), pairs);
+      std::fprintf(f, "\"%s\",%zu", input.compound_names[c].c_str(), pairs.size());
+      for (const auto& [descriptor, count] : pairs) std::fprintf(f, ",%d,%d", descriptor, count);
+      std::fputc('\n', f);
+    }
+    close_output(std::move(out), path);
+  } catch (...) {
+    unlink(temporary.c_str());
+    throw;
+  }
+  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+    unlink(temporary.c_str());
+    fatal_error(format_text("can't write a file '%s': %s\n", path.c_str(), std::strerror(errno)));
+  }
+  return matcher.summary();
+}
+
+int apply_and_report(const RunSettings& settings, const std::string& structure_file) {
+  const DescriptorSpace space = read_space_file(structure_file, false);
+  const CompoundInput input = read_compounds_in_memory(settings, InputSource{settings.infile, nullptr});
+  const std::string out = settings.outfstem + ".out";
+  const ApplySummary summary = write_descriptor_file(out, space, input);
+
+  std::printf("compounds read: %lld\n", summary.compounds);
+  if (space.fragments.empty())
+    std::printf("descriptors in the space: 0\n");
+  else
+    std::printf("descriptors in the space: %zu (fragments of %d to %d bonds)\n", space.fragments.size(), space.shortest,
+                space.longest);
+  std::printf("descriptors found: %lld\n", summary.descriptors_found);
+  std::printf("fragment occurrences matched: %lld\n", summary.occurrences_matched);
+  const double coverage =
+      summary.distinct_found == 0
+          ? 100.0
+          : 100.0 * static_cast<double>(summary.distinct_found - summary.distinct_outside) / summary.distinct_found;
+  std::printf("distinct fragments outside the space: %lld of %lld found (coverage %.2f %%)\n",
+              summary.distinct_outside, summary.distinct_found, coverage);
+  std::printf("descriptor file: %s\n", out.c_str());
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  RunSettings settings;
+  bool stem_given = false;
+  std::vector<std::string> files;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "-h" || arg == "--help") {
+      std::fputs(USAGE, stdout);
+      return 0;
+    }
+    if (arg == "-NoAtmLabels") settings.NoAtmLabels = true;
+    else if (arg == "-NoBndLabels") settings.NoBndLabels = true;
+    else if (arg == "-ofile") {
+      if (i + 1 >= argc) return usage_error("-ofile needs a value");
+      settings.outfstem = argv[++i];
+      stem_given = true;
+    } else if (arg.size() > 1 && arg[0] == '-' && files.empty()) {
+      return usage_error("unknown option " + arg);
+    } else {
+      files.push_back(arg);
+    }
+  }
+  if (files.size() != 2) return usage_error("a structure file and an input file are needed");
+  settings.infile = files[1];
+  const std::size_t dot = settings.infile.find('.');
+  if (dot == std::string::npos)
+    return usage_error("the input file name has no '.': name it .sdf (SD) or .mol2 (Mol2)");
+  settings.mol2input = dot + 1 < settings.infile.size() && settings.infile[dot + 1] == 'm';
+  if (!stem_given) settings.outfstem = settings.infile.substr(0, dot);
+  try {
+    RaiseFailures raise;
+    return apply_and_report(settings, files[0]);
+  } catch (const Failure& failure) {
+    std::fflush(stdout);
+    std::fputs(failure.message.c_str(), stderr);
+    return 1;
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "tavrix-apply: not enough memory\n");
+    return 1;
+  }
+}
