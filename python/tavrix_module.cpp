@@ -132,7 +132,7 @@ struct Space {
 
 Space read_fitted_space(const std::string& structures) {
   RaiseFailures raise;
-  return Space{read_space("fitted descriptor space", structures)};
+  return Space{read_space("fitted descriptor space", structures, true)};
 }
 
 Rows apply(const Space& s, const RunSettings& settings, const std::string& name, const std::optional<std::string>& text) {
@@ -197,7 +197,11 @@ PYBIND11_MODULE(_core, m) {
                              [](const Space& s) {
                                // Bytes: labels are whatever bytes the input held.
                                py::list out;
-                               for (const std::string& r : s.space.records) out.append(py::bytes(r));
+                               const int n = static_cast<int>(s.space.fragments.size());
+                               for (int d = 1; d <= n; ++d) {
+                                 const std::string_view r = record_text(s.space, d);
+                                 out.append(py::bytes(r.data(), r.size()));
+                               }
                                return out;
                              })
       .def_property_readonly("fragments",
@@ -208,9 +212,10 @@ PYBIND11_MODULE(_core, m) {
                                  py::list bonds;
                                  for (int i = 0; i < f.vs; ++i)
                                    for (int j = f.v[i]; j < f.v[i + 1]; ++j)
-                                     if (i < f.e[j]) bonds.append(py::make_tuple(i, f.e[j], f.bond[j]));
+                                     if (i < f.e[j])
+                                       bonds.append(py::make_tuple(i, f.e[j], s.space.bond_labels[f.el[j]]));
                                  py::list atoms;
-                                 for (const std::string& a : f.atom) atoms.append(py::bytes(a));
+                                 for (const int a : f.vl) atoms.append(py::bytes(s.space.atom_labels[a]));
                                  out.append(py::make_tuple(atoms, bonds));
                                }
                                return out;
