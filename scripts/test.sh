@@ -6,7 +6,10 @@
 # FUZZ_SECONDS sets the length of each fuzz run (default 40; 0 skips them).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-bash "$root/scripts/deps.sh" clang-14 libclang-rt-14-dev
+# The Python package and its tests: the module's build needs, and what its
+# tests and examples import.
+bash "$root/scripts/deps.sh" clang-14 libclang-rt-14-dev pybind11-dev python3-dev python3-numpy python3-scipy \
+  python3-sklearn python3-rdkit rdkit-data python3-dask python3-distributed
 jobs=$(nproc)
 fuzz_seconds=${FUZZ_SECONDS:-40}
 
