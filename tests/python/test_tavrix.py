@@ -209,6 +209,16 @@ class Estimator(unittest.TestCase):
         assert_same(self, copy.transform(X), f.transform(X), "transform of the unpickled copy")
         self.assertEqual(list(copy.get_feature_names_out()), list(f.get_feature_names_out()))
 
+    def test_without_scikit_learn(self):
+        code = "import sys, pickle; sys.modules['sklearn'] = None; import tavrix; " \
+               "f = tavrix.FragmentDescriptors(lmax=2).set_params(fmin=2); " \
+               "X = pickle.loads(pickle.dumps(f.fit(sys.argv[1]))).transform(sys.argv[1]); " \
+               "print(f.get_params()['fmin'], X.shape)"
+        run = subprocess.run([sys.executable, "-c", code, str(SOURCE / "tests/data/example/example.sdf")],
+                             capture_output=True, text=True)
+        self.assertEqual(run.returncode, 0, run.stderr)
+        self.assertRegex(run.stdout, r"^2 \(3, \d+\)")
+
     def test_two_threads_at_once(self):
         X, Y = Inputs.get() / "nci200.sdf", Inputs.get() / "cdk2.sdf"
         f = tavrix.FragmentDescriptors(lmax=6).fit(X)
