@@ -8,7 +8,7 @@
 #include <new>
 
 #include "common/common.h"
-#include "driver/descriptor_run.h"
+#include "count/count.h"
 #include "driver/driver.h"
 #include "input/input.h"
 #include "output/output.h"
@@ -17,21 +17,40 @@
 
 namespace {
 
+// The folder of the output stem: where the run's own files go, and so where
+// there is room for its temporary file.
+std::string stem_folder(const std::string& stem) {
+  const std::size_t slash = stem.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : stem.substr(0, slash);
+}
+
 int run(int argc, char** argv) {
   const RunSettings settings = parse_arguments(argc, argv);
+  CountOptions options;
+  options.lmin = settings.lmin;
+  options.lmax = settings.lmax;
+  options.opt = settings.opt;
+  options.threads = threads_to_use();
+  options.spill_limit = spill_limit_to_use();
+  options.spill_directory = stem_folder(settings.outfstem);
+  options.progress = true;
   // Fewer, larger writes for the tens of megabytes of structure records.
   // glibc takes the size only together with a buffer, and the buffer must
   // outlive the stream (declared first, it is released after the close).
   std::vector<char> structure_buffer(1 << 20);
-  FilePtr structure = open_file(settings.outfstem + "_frag.sdf", "w");
+  const std::string structure_name = settings.outfstem + "_frag.sdf";
+  FilePtr structure = open_file(structure_name, "w");
   std::setvbuf(structure.get(), structure_buffer.data(), _IOFBF, structure_buffer.size());
-  DescriptorRun run;
-  CompoundInput input = read_compounds(settings, run.table);
-  run_descriptors(settings, input, RunOutputs{true, true, structure.get()}, run);
-
-  input.compounds = {};
+  CompoundStream input;
+  open_compounds(settings, input);
+  CountedRun counted;
+  count_compounds(input, options, counted);
+  Numbering numbering;
+  number_forms(counted, settings, input.dictionary, true, structure.get(), numbering);
+  close_output(std::move(structure), structure_name);
   input.dictionary = {};
-  write_descriptor_file(settings.outfstem, run.table, run.idmap, input.compound_names);
+  write_descriptor_rows(settings.outfstem, counted, numbering);
   remove_dictionary_file(settings.infile);
   return 1;
 }

@@ -57,6 +57,15 @@ class FragmentCounter {
   long long fragments() const { return fragments_; }
   // The longest length with a fragment counted so far (0 for none).
   int longest() const { return longest_; }
+  // Forms met so far: they are numbered 0 .. forms() - 1 in order of creation.
+  int forms() const { return static_cast<int>(memo_.forms.size()); }
+  // About what the memo holds, in bytes: it grows with the distinct
+  // fragments met, and a caller that bounds memory starts a new counter.
+  std::size_t memo_bytes() const {
+    return memo_.arrays.capacity() * sizeof(int) + memo_.forms.capacity() * (sizeof(FragmentForm) + 24) +
+           memo_.pool.capacity() * sizeof(StepBucket) + memo_.labelled_bytes * 2 + memo_.orders.capacity() +
+           memo_.long_moves.capacity() + memo_.form_bucket.capacity() * sizeof(FormBucket);
+  }
 
  private:
   void visit(int n);

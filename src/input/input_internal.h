@@ -180,18 +180,24 @@ DictionaryScan finish_scan(LabelCollector& labels, int compounds);
 // The message of a record whose labels overflowed the list.
 [[noreturn]] void refuse_label_overflow(const RecordRef& record);
 
+struct SdGraphPass;    // the graph pass's state, one per reader
+struct Mol2GraphPass;
+
 // ---- SD reader ----
 
 DictionaryScan scan_sd_labels(const RunSettings& settings, InputFile& input, std::FILE* dict);
-std::vector<Graph> allocate_sd_graphs(const RunSettings& settings, InputFile& input, int n);
-void read_sd_graphs(const RunSettings& settings, const InputFile& input, FilePtr stream, std::vector<Graph>& compounds,
-                    std::vector<std::string>& compound_names, const LabelDictionary& dict,
-                    const DictionaryScan& scan, int& n_out);
+void sd_allocation_pass(const RunSettings& settings, InputFile& input, int n);
+SdGraphPass* start_sd_graph_pass(FilePtr stream);
+void end_sd_graph_pass(SdGraphPass* pass);
+// The next record into g and name; false after the last.
+bool read_sd_graph(const RunSettings& settings, const InputFile& input, SdGraphPass& pass, const LabelDictionary& dict,
+                   const DictionaryScan& scan, Graph& g, std::string& name);
 
 // ---- Mol2 reader ----
 
 DictionaryScan scan_mol2_labels(const RunSettings& settings, InputFile& input, std::FILE* dict);
-std::vector<Graph> allocate_mol2_graphs(const RunSettings& settings, InputFile& input, int n);
-void read_mol2_graphs(const RunSettings& settings, const InputFile& input, FilePtr stream, std::vector<Graph>& compounds,
-                      std::vector<std::string>& compound_names, const LabelDictionary& dict,
-                      const DictionaryScan& scan, int& n_out);
+void mol2_allocation_pass(const RunSettings& settings, InputFile& input, int n);
+Mol2GraphPass* start_mol2_graph_pass(FilePtr stream);
+void end_mol2_graph_pass(Mol2GraphPass* pass);
+bool read_mol2_graph(const RunSettings& settings, const InputFile& input, Mol2GraphPass& pass,
+                     const LabelDictionary& dict, const DictionaryScan& scan, Graph& g, std::string& name);

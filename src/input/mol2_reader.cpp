@@ -156,8 +156,12 @@ DictionaryScan scan_mol2_labels(const RunSettings& settings, InputFile& input, s
   return finish_scan(labels, count);
 }
 
-std::vector<Graph> allocate_mol2_graphs(const RunSettings&, InputFile& input, int n) {
-  std::vector<Graph> compounds(n);
+// The pass that once sized every compound's arrays before the graph pass.
+// Compounds are now made one at a time as the graph pass reads them, but the
+// pass still runs: it holds every bond line to the tokeniser's limit, which
+// the dictionary pass does not, and a run refuses such a line at this point,
+// after every dictionary-pass message and before any graph-pass one.
+void mol2_allocation_pass(const RunSettings&, InputFile& input, int n) {
   FilePtr file = open_pass(input);
   Mol2Cursor c(file.get());
   c.advance();
@@ -165,51 +169,49 @@ std::vector<Graph> allocate_mol2_graphs(const RunSettings&, InputFile& input, in
   for (int i = 0; i < n; ++i) {
     Mol2Head h = read_mol2_head(c);
     if (h.end == HeadEnd::none) break;
-    RecordRef record{i + 1, mol2_name(h, i)};
-    int bond_lines = 0;
     if (h.end == HeadEnd::complete) {
       bool bond_marker = false;
       while (next_atom_line(c, bond_marker)) check_token_limit(c.in.line, tokens);
-      if (bond_marker) {
-        for (c.advance(); !c.at_end && !ends_bond_section(c.in.line); c.advance()) {
-          check_token_limit(c.in.line, tokens);
-          ++bond_lines;
-        }
-      }
+      if (bond_marker)
+        for (c.advance(); !c.at_end && !ends_bond_section(c.in.line); c.advance()) check_token_limit(c.in.line, tokens);
     }
-    // Sizes beyond the limits are refused by the graph pass; allocating
-    // for them here would only let a malformed count claim memory.
-    Graph& g = compounds[i];
-    if (h.na <= MAX_GRAPH_SIZE) {
-      g.v.assign(h.na + 1, 0);
-      g.vid.assign(h.na, 0);
-      g.vl.assign(h.na, 0);
-    }
-    int room = 2 * std::min(bond_lines, MAX_MOL2_BONDS);
-    g.e.assign(room, 0);
-    g.el.assign(room, 0);
     reach_next_molecule(c);
   }
-  return compounds;
 }
 
-void read_mol2_graphs(const RunSettings& settings, const InputFile& input, FilePtr stream, std::vector<Graph>& compounds,
-                      std::vector<std::string>& compound_names, const LabelDictionary& dict,
-                      const DictionaryScan& scan, int& n_out) {
-  Mol2Cursor c(stream.get());
-  c.advance();
+struct Mol2GraphPass {
+  explicit Mol2GraphPass(FilePtr s) : stream(std::move(s)), c(stream.get()) { c.advance(); }
+  FilePtr stream;
+  Mol2Cursor c;
   TokenArray tokens;
   struct Mol2Bond {
     int x, y, label;
   };
   std::vector<Mol2Bond> bonds;
   std::vector<EdgeTriple> triples;
-  int i = 0;
-  for (Mol2Head h; (h = read_mol2_head(c)).end != HeadEnd::none; ++i) {
-    if (i >= static_cast<int>(compounds.size())) refuse_changed_input(input);
-    Graph& g = compounds[i];
+  int i = 0;  // molecules read
+};
+
+Mol2GraphPass* start_mol2_graph_pass(FilePtr stream) { return new Mol2GraphPass(std::move(stream)); }
+void end_mol2_graph_pass(Mol2GraphPass* pass) { delete pass; }
+
+bool read_mol2_graph(const RunSettings& settings, const InputFile& input, Mol2GraphPass& pass,
+                     const LabelDictionary& dict, const DictionaryScan& scan, Graph& g, std::string& name) {
+  Mol2Cursor& c = pass.c;
+  TokenArray& tokens = pass.tokens;
+  auto& bonds = pass.bonds;
+  std::vector<EdgeTriple>& triples = pass.triples;
+  {
+    const Mol2Head h = read_mol2_head(c);
+    if (h.end == HeadEnd::none) {
+      if (pass.i != scan.compounds || input_has_changed(input)) refuse_changed_input(input);
+      return false;
+    }
+    const int i = pass.i++;
+    if (i >= scan.compounds) refuse_changed_input(input);
+    g = Graph{};
     RecordRef record{i + 1, mol2_name(h, i)};
-    compound_names[i] = record.name;
+    name = record.name;
     if (h.end == HeadEnd::no_counts) refuse_record(record, "the file ends after the name line");
     if (!h.has_digit) refuse_record(record, "the counts line holds no atom count");
     g.vs = h.na;
@@ -279,6 +281,5 @@ void read_mol2_graphs(const RunSettings& settings, const InputFile& input, FileP
     build_adjacency(triples, g);
     reach_next_molecule(c);
   }
-  if (i != static_cast<int>(compounds.size()) || input_has_changed(input)) refuse_changed_input(input);
-  n_out = i;
+  return true;
 }

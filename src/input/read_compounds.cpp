@@ -40,57 +40,94 @@ class FileLock {
   int fd_;
 };
 
-CompoundInput read_passes(const RunSettings& settings, InputFile& input, FragmentTable* table, bool dictionary_file) {
+// The passes before the graph pass, and the graph pass made ready.
+void open_passes(const RunSettings& settings, InputFile& input, bool dictionary_file, CompoundStream& out) {
   // Opened first, so a missing input is refused before any file is written.
   FilePtr stream = open_pass(input);
   const std::string dict_name = input.name + ".dict";
   const bool mol2 = settings.mol2input;
-  CompoundInput result;
-  DictionaryScan scan;
-  {
-    // From writing the dictionary until it has been read back, no other run
-    // on this input may write its own (which may differ: -NoAtmLabels).
-    FileLock lock(dictionary_file ? fileno(stream.get()) : -1);
-    FilePtr dict = dictionary_file ? create_dictionary_file(dict_name, mol2) : FilePtr();
-    scan = mol2 ? scan_mol2_labels(settings, input, dict.get()) : scan_sd_labels(settings, input, dict.get());
-    if (dictionary_file) {
-      finish_dictionary_file(std::move(dict), dict_name);
-      std::printf("total compounds = %d\n", scan.compounds);
-    }
-    const int n = scan.compounds;
-    result.compounds =
-        mol2 ? allocate_mol2_graphs(settings, input, n) : allocate_sd_graphs(settings, input, n);
-    result.compound_names.assign(n, std::string());
-    if (table != nullptr) create_occurrence_lists(*table, n);
-    result.dictionary = dictionary_file ? load_label_dictionary(dict_name) : dictionary_of_labels(mol2, scan.labels);
+  // From writing the dictionary until it has been read back, no other run on
+  // this input may write its own (which may differ: -NoAtmLabels).
+  FileLock lock(dictionary_file ? fileno(stream.get()) : -1);
+  FilePtr dict = dictionary_file ? create_dictionary_file(dict_name, mol2) : FilePtr();
+  DictionaryScan scan = mol2 ? scan_mol2_labels(settings, input, dict.get()) : scan_sd_labels(settings, input, dict.get());
+  if (dictionary_file) {
+    finish_dictionary_file(std::move(dict), dict_name);
+    std::printf("total compounds = %d\n", scan.compounds);
   }
-  int read = 0;
-  if (mol2)
-    read_mol2_graphs(settings, input, std::move(stream), result.compounds, result.compound_names, result.dictionary,
-                     scan, read);
-  else
-    read_sd_graphs(settings, input, std::move(stream), result.compounds, result.compound_names, result.dictionary,
-                   scan, read);
+  if (mol2) mol2_allocation_pass(settings, input, scan.compounds);
+  else sd_allocation_pass(settings, input, scan.compounds);
+  out.dictionary = dictionary_file ? load_label_dictionary(dict_name) : dictionary_of_labels(mol2, scan.labels);
+  out.compounds = scan.compounds;
+  out.scan = std::make_unique<DictionaryScan>(std::move(scan));
+  if (mol2) out.mol2 = start_mol2_graph_pass(std::move(stream));
+  else out.sd = start_sd_graph_pass(std::move(stream));
+}
+
+}  // namespace
+
+CompoundStream::CompoundStream() = default;
+CompoundStream::~CompoundStream() {
+  if (sd != nullptr) end_sd_graph_pass(sd);
+  if (mol2 != nullptr) end_mol2_graph_pass(mol2);
+}
+
+void open_compounds(const RunSettings& settings, CompoundStream& stream) {
+  stream.settings = settings;
+  stream.input = std::make_unique<InputFile>();
+  stream.input->name = settings.infile;
+  // Whatever a pass stumbles over in a file that changed under it, the
+  // change is what gets reported.
+  FailureOverrideScope report_changes(changed_input_message, stream.input.get());
+  open_passes(settings, *stream.input, true, stream);
+}
+
+void open_compounds_in_memory(const RunSettings& settings, const InputSource& source, CompoundStream& stream) {
+  stream.settings = settings;
+  stream.input = std::make_unique<InputFile>();
+  stream.input->name = source.name;
+  stream.input->text = source.text;
+  FailureOverrideScope report_changes(changed_input_message, stream.input.get());
+  open_passes(settings, *stream.input, false, stream);
+}
+
+bool next_compound(CompoundStream& stream, Graph& g, std::string& name) {
+  FailureOverrideScope report_changes(changed_input_message, stream.input.get());
+  if (stream.sd != nullptr)
+    return read_sd_graph(stream.settings, *stream.input, *stream.sd, stream.dictionary, *stream.scan, g, name);
+  return read_mol2_graph(stream.settings, *stream.input, *stream.mol2, stream.dictionary, *stream.scan, g, name);
+}
+
+namespace {
+
+CompoundInput read_all(CompoundStream& stream) {
+  CompoundInput result;
+  result.compounds.reserve(stream.compounds);
+  result.compound_names.reserve(stream.compounds);
+  Graph g;
+  std::string name;
+  while (next_compound(stream, g, name)) {
+    result.compounds.push_back(std::move(g));
+    result.compound_names.push_back(std::move(name));
+    g = Graph{};
+  }
+  result.dictionary = std::move(stream.dictionary);
   return result;
 }
 
 }  // namespace
 
 CompoundInput read_compounds(const RunSettings& settings, FragmentTable& table) {
-  InputFile input;
-  input.name = settings.infile;
-  // Whatever a pass stumbles over in a file that changed under it, the
-  // change is what gets reported.
-  FailureOverrideScope report_changes(changed_input_message, &input);
-  return read_passes(settings, input, &table, true);
+  CompoundStream stream;
+  open_compounds(settings, stream);
+  create_occurrence_lists(table, stream.compounds);
+  return read_all(stream);
 }
 
 CompoundInput read_compounds_in_memory(const RunSettings& settings, const InputSource& source) {
-  InputFile input;
-  input.name = source.name;
-  input.text = source.text;
-  FailureOverrideScope report_changes(changed_input_message, &input);
-  return read_passes(settings, input, nullptr, false);
+  CompoundStream stream;
+  open_compounds_in_memory(settings, source, stream);
+  return read_all(stream);
 }
 
 void remove_dictionary_file(const std::string& infile) {

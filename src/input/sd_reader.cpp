@@ -122,87 +122,95 @@ DictionaryScan scan_sd_labels(const RunSettings&, InputFile& input, std::FILE* d
   return finish_scan(labels, count);
 }
 
-std::vector<Graph> allocate_sd_graphs(const RunSettings&, InputFile& input, int n) {
-  std::vector<Graph> compounds(n);
+// The pass that once sized every compound's arrays before the graph pass.
+// Compounds are now made one at a time as the graph pass reads them, but the
+// pass still runs: it holds every line after a record's counts line to the
+// tokeniser's limit, atom lines included, which the other passes do not, and
+// a run refuses such a line at this point, after every dictionary-pass message
+// and before any graph-pass one.
+void sd_allocation_pass(const RunSettings&, InputFile& input, int n) {
   FilePtr file = open_pass(input);
   InputLines in(file.get());
   TokenArray tokens;
   SdHeader h;
-  // Both counts have three digits at most, so the arrays stay small whatever the file says.
-  for (int i = 0; i < n && read_sd_header(in, h); ++i) {
-    Graph& g = compounds[i];
-    g.e.assign(2 * h.nb, 0);
-    g.el.assign(2 * h.nb, 0);
-    g.v.assign(h.na + 1, 0);
-    g.vid.assign(h.na, 0);
-    g.vl.assign(h.na, 0);
-    skip_to_record_end(in, tokens);
-  }
-  return compounds;
+  for (int i = 0; i < n && read_sd_header(in, h); ++i) skip_to_record_end(in, tokens);
 }
 
-void read_sd_graphs(const RunSettings& settings, const InputFile& input, FilePtr stream, std::vector<Graph>& compounds,
-                    std::vector<std::string>& compound_names, const LabelDictionary& dict,
-                    const DictionaryScan& scan, int& n_out) {
-  InputLines in(stream.get());
+struct SdGraphPass {
+  explicit SdGraphPass(FilePtr s) : stream(std::move(s)), in(stream.get()) {}
+  FilePtr stream;
+  InputLines in;
   TokenArray tokens;
   SdHeader h;
   std::vector<SdBond> bonds;
   std::vector<EdgeTriple> triples;
-  int i = 0;
-  for (; read_sd_header(in, h); ++i) {
-    if (i >= static_cast<int>(compounds.size())) refuse_changed_input(input);
-    Graph& g = compounds[i];
-    RecordRef record{i + 1, sd_name(h, i)};
-    compound_names[i] = record.name;
-    g.vs = h.na;
-    g.es = 2 * h.nb;
-    if (g.vs > MAX_GRAPH_SIZE || g.es > MAX_GRAPH_SIZE)
-      fatal_error(format_text("Graph %s is too large : Max vertices or edges allowed in a compound is 999\n",
-                              record.name.c_str()));
-    if (i == scan.label_overflow_record) refuse_label_overflow(record);
+  int i = 0;  // records read
+};
 
-    g.vid.assign(g.vs, 0);
-    g.vl.assign(g.vs, 0);
-    for (int k = 0; k < h.na; ++k) {
-      if (!next_line(in))
-        refuse_record(record, format_text("the file ends after %d of its %d atom lines", k, h.na));
-      if (first_token_is_record_end(in.line))
-        refuse_record(record, format_text("the record ends after %d of its %d atom lines", k, h.na));
-      if (!has_symbol_columns(in.line))
-        refuse_record(record, format_text("atom line %d is shorter than %zu characters and holds no atom symbol",
-                                          k + 1, SYMBOL_FIRST_COLUMN));
-      g.vid[k] = k;
-      g.vl[k] = vertex_label_index(atom_symbol(in.line), dict);
-    }
+SdGraphPass* start_sd_graph_pass(FilePtr stream) { return new SdGraphPass(std::move(stream)); }
+void end_sd_graph_pass(SdGraphPass* pass) { delete pass; }
 
-    bonds.clear();
-    for (int b = 0; b < h.nb; ++b) {
-      if (!next_line(in))
-        refuse_record(record, format_text("the file ends after %d of its %d bond lines", b, h.nb));
-      const char* label = "-";
-      if (!settings.NoBndLabels) {
-        label = sd_bond_label(field_value(in.line, 7));
-        if (label == nullptr)
-          fatal_error(format_text("read sdf file : edge label not valid %s\n", field_digits(in.line, 7).c_str()));
-      }
-      if (first_token_is_record_end(in.line))
-        refuse_record(record, format_text("the record ends after %d of its %d bond lines", b, h.nb));
-      bonds.push_back({field_value(in.line, 1) - 1, field_value(in.line, 4) - 1, edge_label_index(label, dict)});
-    }
-
-    triples.resize(g.es);
-    for (int b = 0; b < h.nb; ++b) {
-      auto [x, y, label] = bonds[b];
-      if (x < 0 || y < 0) refuse_record(record, format_text("bond line %d names atom 0", b + 1));
-      if (x > y) std::swap(x, y);
-      int fx = find_vertex_by_id(x, g), fy = find_vertex_by_id(y, g);
-      triples[2 * b] = {fx, fy, label};
-      triples[2 * b + 1] = {fy, fx, label};
-    }
-    build_adjacency(triples, g);
-    skip_to_record_end(in, tokens);
+bool read_sd_graph(const RunSettings& settings, const InputFile& input, SdGraphPass& pass, const LabelDictionary& dict,
+                   const DictionaryScan& scan, Graph& g, std::string& name) {
+  InputLines& in = pass.in;
+  SdHeader& h = pass.h;
+  if (!read_sd_header(in, h)) {
+    if (pass.i != scan.compounds || input_has_changed(input)) refuse_changed_input(input);
+    return false;
   }
-  if (i != static_cast<int>(compounds.size()) || input_has_changed(input)) refuse_changed_input(input);
-  n_out = i;
+  const int i = pass.i++;
+  if (i >= scan.compounds) refuse_changed_input(input);
+  RecordRef record{i + 1, sd_name(h, i)};
+  name = record.name;
+  g.vs = h.na;
+  g.es = 2 * h.nb;
+  g.ncell = 0;
+  g.key = 0;
+  g.vcell.clear();
+  if (g.vs > MAX_GRAPH_SIZE || g.es > MAX_GRAPH_SIZE)
+    fatal_error(format_text("Graph %s is too large : Max vertices or edges allowed in a compound is 999\n",
+                            record.name.c_str()));
+  if (i == scan.label_overflow_record) refuse_label_overflow(record);
+
+  g.vid.assign(g.vs, 0);
+  g.vl.assign(g.vs, 0);
+  for (int k = 0; k < h.na; ++k) {
+    if (!next_line(in)) refuse_record(record, format_text("the file ends after %d of its %d atom lines", k, h.na));
+    if (first_token_is_record_end(in.line))
+      refuse_record(record, format_text("the record ends after %d of its %d atom lines", k, h.na));
+    if (!has_symbol_columns(in.line))
+      refuse_record(record, format_text("atom line %d is shorter than %zu characters and holds no atom symbol", k + 1,
+                                        SYMBOL_FIRST_COLUMN));
+    g.vid[k] = k;
+    g.vl[k] = vertex_label_index(atom_symbol(in.line), dict);
+  }
+
+  std::vector<SdBond>& bonds = pass.bonds;
+  bonds.clear();
+  for (int b = 0; b < h.nb; ++b) {
+    if (!next_line(in)) refuse_record(record, format_text("the file ends after %d of its %d bond lines", b, h.nb));
+    const char* label = "-";
+    if (!settings.NoBndLabels) {
+      label = sd_bond_label(field_value(in.line, 7));
+      if (label == nullptr)
+        fatal_error(format_text("read sdf file : edge label not valid %s\n", field_digits(in.line, 7).c_str()));
+    }
+    if (first_token_is_record_end(in.line))
+      refuse_record(record, format_text("the record ends after %d of its %d bond lines", b, h.nb));
+    bonds.push_back({field_value(in.line, 1) - 1, field_value(in.line, 4) - 1, edge_label_index(label, dict)});
+  }
+
+  std::vector<EdgeTriple>& triples = pass.triples;
+  triples.resize(g.es);
+  for (int b = 0; b < h.nb; ++b) {
+    auto [x, y, label] = bonds[b];
+    if (x < 0 || y < 0) refuse_record(record, format_text("bond line %d names atom 0", b + 1));
+    if (x > y) std::swap(x, y);
+    int fx = find_vertex_by_id(x, g), fy = find_vertex_by_id(y, g);
+    triples[2 * b] = {fx, fy, label};
+    triples[2 * b + 1] = {fy, fx, label};
+  }
+  build_adjacency(triples, g);
+  skip_to_record_end(in, pass.tokens);
+  return true;
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/common.h"
+#include "count/count.h"
 #include "graph/graph.h"
 #include "table/table.h"
 
@@ -24,3 +25,7 @@ inline void write_mol2_fragment(const HashEntry& slot, const Graph& g, const Lab
 // (idmap of each occurrence id, -1 for none) and counts.
 void write_descriptor_file(const std::string& outfstem, const FragmentTable& table, const std::vector<int>& idmap,
                            const std::vector<std::string>& compound_names);
+
+// Writes outfstem + ".out" from the counted compounds: one line per compound
+// with its descriptor numbers and counts.
+void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const Numbering& numbering);

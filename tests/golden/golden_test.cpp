@@ -32,10 +32,20 @@ std::vector<std::string> list_dir(const std::string& dir) {
   return names;
 }
 
-class golden_run : public ::testing::TestWithParam<std::string> {};
+// Each run is made with several thread counts and with every compound's
+// entries forced through the temporary file: the output may not change.
+const std::vector<std::vector<std::string>> environments = {
+    {"TAVRIX_THREADS=1"},
+    {"TAVRIX_THREADS=2"},
+    {"TAVRIX_THREADS=3", "TAVRIX_SPILL_MB=0"},
+    {"TAVRIX_THREADS=8"},
+};
+
+class golden_run : public ::testing::TestWithParam<std::tuple<std::string, int>> {};
 
 TEST_P(golden_run, matches_reviewed_output_byte_for_byte) {
-  const std::string dir = golden_dir + "/" + GetParam();
+  const std::string dir = golden_dir + "/" + std::get<0>(GetParam());
+  const std::vector<std::string>& env = environments[std::get<1>(GetParam())];
   std::vector<std::string> args = split_words(read_file(dir + "/command.txt"));
   ASSERT_GE(args.size(), 2u);
   args.erase(args.begin());  // the program name
@@ -43,7 +53,7 @@ TEST_P(golden_run, matches_reviewed_output_byte_for_byte) {
   const std::string work = make_temp_dir();
   write_file(work + "/" + input, unxz(golden_dir + "/inputs/" + input + ".xz"));
 
-  RunResult r = run_tavrix(args, work);
+  RunResult r = run_tavrix(args, work, env);
   EXPECT_EQ(r.out, read_file(dir + "/stdout.txt"));
   EXPECT_EQ(std::to_string(r.status) + "\n", read_file(dir + "/status.txt"));
   EXPECT_EQ(r.err, "");
@@ -54,6 +64,7 @@ TEST_P(golden_run, matches_reviewed_output_byte_for_byte) {
     EXPECT_TRUE(read_file(work + "/" + produced) == unxz(dir + "/" + name)) << produced << " differs";
   }
   EXPECT_FALSE(file_exists(work + "/" + input + ".dict")) << "the label dictionary file is left behind";
+  EXPECT_EQ(list_dir(work).size(), list_dir(dir).size() - 2) << "files other than the outputs are left behind";
   if (!HasFailure()) remove_tree(work);
 }
 
@@ -64,7 +75,10 @@ std::vector<std::string> golden_cases() {
   return cases;
 }
 
-INSTANTIATE_TEST_SUITE_P(public_files, golden_run, ::testing::ValuesIn(golden_cases()),
-                         [](const auto& info) { return info.param; });
+INSTANTIATE_TEST_SUITE_P(public_files, golden_run,
+                         ::testing::Combine(::testing::ValuesIn(golden_cases()), ::testing::Range(0, 4)),
+                         [](const auto& info) {
+                           return std::get<0>(info.param) + "_env" + std::to_string(std::get<1>(info.param));
+                         });
 
 }  // namespace

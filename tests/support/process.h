@@ -70,13 +70,15 @@ inline std::string unxz(const std::string& path) {
   return data;
 }
 
-// Runs a program with the given arguments in folder cwd, capturing both streams.
+// Runs a program with the given arguments in folder cwd, capturing both
+// streams; env holds "NAME=value" settings added to its environment.
 inline RunResult run_program(const std::string& program, const std::vector<std::string>& args,
-                             const std::string& cwd) {
+                             const std::string& cwd, const std::vector<std::string>& env = {}) {
   const std::string out_path = cwd + "/.stdout.capture", err_path = cwd + "/.stderr.capture";
   pid_t pid = fork();
   if (pid == 0) {
     if (chdir(cwd.c_str()) != 0) _exit(127);
+    for (const std::string& setting : env) putenv(const_cast<char*>(setting.c_str()));
     if (!std::freopen(out_path.c_str(), "w", stdout) || !std::freopen(err_path.c_str(), "w", stderr)) _exit(127);
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(program.c_str()));
@@ -97,8 +99,9 @@ inline RunResult run_program(const std::string& program, const std::vector<std::
 }
 
 #ifdef TAVRIX_BINARY
-inline RunResult run_tavrix(const std::vector<std::string>& args, const std::string& cwd) {
-  return run_program(TAVRIX_BINARY, args, cwd);
+inline RunResult run_tavrix(const std::vector<std::string>& args, const std::string& cwd,
+                            const std::vector<std::string>& env = {}) {
+  return run_program(TAVRIX_BINARY, args, cwd, env);
 }
 #endif
 

@@ -1,0 +1,528 @@
+// Counting on several threads; see count.h.
+#include "count/count.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <thread>
+
+#include "driver/progress.h"
+#include "enumerate/fragment_counter.h"
+#include "output/output.h"
+#include "table/table.h"
+
+namespace {
+
+// Compounds handed to a worker at a time: enough to make the hand-over cheap,
+// few enough that the workers stay evenly busy to the end.
+constexpr int BATCH_COMPOUNDS = 32;
+// A worker's counter remembers every form and growth step it met; past this
+// it starts afresh (the forms are in the run's store already), so memory does
+// not grow with the threads beyond this each.
+constexpr std::size_t MEMO_BUDGET = std::size_t{256} << 20;
+
+// ---- The form store ----
+
+std::uint64_t arrays_hash(const GraphView& g) {
+  std::uint64_t h = static_cast<std::uint64_t>(g.vs) << 32 | static_cast<std::uint32_t>(g.es);
+  auto mix = [&h](int x) { h = (h ^ static_cast<std::uint32_t>(x)) * 0x100000001b3ull; };
+  for (int i = 0; i < g.vs; ++i) mix(g.vl[i]);
+  for (int i = 0; i <= g.vs; ++i) mix(g.v[i]);
+  for (int j = 0; j < g.es; ++j) mix(g.e[j]);
+  for (int j = 0; j < g.es; ++j) mix(g.el[j]);
+  h ^= h >> 33;
+  h *= 0xff51afd7ed558ccdull;
+  return h ^ (h >> 33);
+}
+
+bool same_arrays(const GraphView& a, const GraphView& b) {
+  return a.vs == b.vs && a.es == b.es && std::equal(a.vl, a.vl + a.vs, b.vl) && std::equal(a.v, a.v + a.vs + 1, b.v) &&
+         std::equal(a.e, a.e + a.es, b.e) && std::equal(a.el, a.el + a.es, b.el);
+}
+
+void rehash(FormStore& store, std::size_t size) {
+  store.buckets.assign(size, -1);
+  const std::size_t mask = size - 1;
+  for (int f = 0; f < static_cast<int>(store.forms.size()); ++f) {
+    std::size_t b = arrays_hash(form_view(store, f)) & mask;
+    while (store.buckets[b] >= 0) b = (b + 1) & mask;
+    store.buckets[b] = f;
+  }
+}
+
+// ---- Numbers in bytes ----
+
+void put_number(std::vector<std::uint8_t>& out, std::uint64_t x) {
+  while (x >= 0x80) {
+    out.push_back(static_cast<std::uint8_t>(x | 0x80));
+    x >>= 7;
+  }
+  out.push_back(static_cast<std::uint8_t>(x));
+}
+
+// ---- The spill ----
+
+FilePtr open_temporary(const std::string& directory) {
+  for (const std::string& dir : {directory, std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp")}) {
+    // A file without a name from the start where the file system allows it,
+    // else one unlinked the moment it exists.
+    int fd = open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (fd < 0) {
+      std::string path = dir + "/.tavrix-spill-XXXXXX";
+      fd = mkstemp(path.data());
+      if (fd >= 0) unlink(path.c_str());
+    }
+    if (fd >= 0) {
+      if (std::FILE* f = fdopen(fd, "w+")) return FilePtr(f);
+      close(fd);
+    }
+  }
+  fatal_error(format_text("can't open a temporary file in '%s': %s\n", directory.c_str(), std::strerror(errno)));
+}
+
+void spill_append(Spill& s, const std::vector<std::uint8_t>& bytes) {
+  if (!s.file && s.memory.size() + bytes.size() > s.limit) {
+    s.file = open_temporary(s.directory);
+    s.file_buffer.resize(1 << 20);
+    std::setvbuf(s.file.get(), s.file_buffer.data(), _IOFBF, s.file_buffer.size());
+    std::fwrite(s.memory.data(), 1, s.memory.size(), s.file.get());
+    std::vector<std::uint8_t>().swap(s.memory);
+  }
+  if (s.file) std::fwrite(bytes.data(), 1, bytes.size(), s.file.get());
+  else s.memory.insert(s.memory.end(), bytes.begin(), bytes.end());
+  s.size += bytes.size();
+}
+
+// ---- Workers ----
+
+struct Batch {
+  int first = 0;  // input index of its first compound
+  int size = 0;
+  std::vector<Graph> graphs;
+  std::vector<std::string> names;
+  // What the worker leaves:
+  int worker = 0;
+  int epoch = 0;                      // of the worker's counter
+  std::vector<int> entry_end;         // per compound: end of its entries
+  std::vector<Occurrence> entries;    // (worker's form, count)
+  std::vector<StoredForm> new_forms;  // forms the worker made counting this batch, `at` into form_arrays
+  std::vector<int> form_arrays;
+  long long fragments = 0;
+  bool failed = false;
+  Failure failure;
+  bool out_of_memory = false;
+  bool done = false;
+};
+
+struct Worker {
+  std::unique_ptr<FragmentCounter> counter;
+  int epoch = 0;
+  int exported = 0;  // the counter's forms already handed to the merge
+};
+
+void count_batch(Worker& w, int index, const CountOptions& o, Batch& b) {
+  try {
+    RaiseFailures raise;
+    if (!w.counter || w.counter->memo_bytes() > MEMO_BUDGET) {
+      w.counter.reset();
+      w.counter = std::make_unique<FragmentCounter>(o.lmin, o.lmax, o.opt);
+      ++w.epoch;
+      w.exported = 0;
+    }
+    FragmentCounter& counter = *w.counter;
+    const long long before = counter.fragments();
+    b.entries.clear();
+    b.entry_end.clear();
+    for (int k = 0; k < b.size; ++k) {
+      counter.count_compound(b.graphs[k], b.first + k, b.entries);
+      b.entry_end.push_back(static_cast<int>(b.entries.size()));
+    }
+    b.new_forms.clear();
+    b.form_arrays.clear();
+    for (int f = w.exported; f < counter.forms(); ++f) {
+      const GraphView g = counter.form(f);
+      b.new_forms.push_back(StoredForm{static_cast<std::uint32_t>(b.form_arrays.size()), g.vs, g.es, g.key});
+      b.form_arrays.insert(b.form_arrays.end(), g.vl, g.vl + g.vs);
+      b.form_arrays.insert(b.form_arrays.end(), g.v, g.v + g.vs + 1);
+      b.form_arrays.insert(b.form_arrays.end(), g.e, g.e + g.es);
+      b.form_arrays.insert(b.form_arrays.end(), g.el, g.el + g.es);
+    }
+    w.exported = counter.forms();
+    b.fragments = counter.fragments() - before;
+    b.worker = index;
+    b.epoch = w.epoch;
+  } catch (const Failure& f) {
+    b.failed = true;
+    b.failure = f;
+  } catch (const std::exception&) {
+    // Only a request too large for the allocator can arrive here.
+    b.out_of_memory = true;
+  }
+}
+
+GraphView view_in(const std::vector<int>& arrays, const StoredForm& f) {
+  const int* vl = arrays.data() + f.at;
+  const int* v = vl + f.vs;
+  const int* e = v + f.vs + 1;
+  return GraphView{f.vs, f.es, f.key, v, e, e + f.es, vl};
+}
+
+// The merge's side: each worker's forms in the run's store.
+struct Merge {
+  std::vector<std::vector<int>> global;  // per worker: its form -> the run's form
+  std::vector<int> epoch;                // per worker: of the forms in `global`
+  std::vector<std::uint8_t> bytes;
+};
+
+void merge_batch(Batch& b, Merge& m, CountedRun& run) {
+  if (b.failed) throw b.failure;
+  if (b.out_of_memory) throw std::bad_alloc();
+  std::vector<int>& global = m.global[b.worker];
+  if (m.epoch[b.worker] != b.epoch) {
+    global.clear();
+    m.epoch[b.worker] = b.epoch;
+  }
+  for (const StoredForm& f : b.new_forms) {
+    const int g = find_or_add_form(run.store, view_in(b.form_arrays, f));
+    if (g == static_cast<int>(run.support.size())) run.support.push_back(0);
+    global.push_back(g);
+  }
+  int begin = 0;
+  for (int k = 0; k < b.size; ++k) {
+    const int end = b.entry_end[k];
+    std::vector<std::uint8_t>& out = m.bytes;
+    out.clear();
+    put_number(out, b.names[k].size());
+    out.insert(out.end(), b.names[k].begin(), b.names[k].end());
+    put_number(out, static_cast<std::uint64_t>(end - begin));
+    for (int p = begin; p < end; ++p) {
+      const int g = global[b.entries[p].id];
+      if (run.support[g]++ == 0) {
+        const std::size_t length = static_cast<std::size_t>(run.store.forms[g].vs - 1);
+        if (run.by_length.size() <= length) run.by_length.resize(length + 1);
+        run.by_length[length].push_back(g);
+      }
+      put_number(out, static_cast<std::uint64_t>(g));
+      put_number(out, static_cast<std::uint64_t>(b.entries[p].count));
+    }
+    spill_append(run.spill, out);
+    begin = end;
+  }
+  run.compounds += b.size;
+  run.fragments += b.fragments;
+}
+
+// Threads taking batches off a queue; stopped and joined however the run ends.
+struct WorkerPool {
+  std::mutex mutex;
+  std::condition_variable work, finished;
+  std::deque<Batch*> queue;
+  bool stop = false;
+  std::vector<Worker> workers;
+  std::vector<std::thread> threads;
+
+  WorkerPool(int n, const CountOptions& o) : workers(n) {
+    for (int i = 0; i < n; ++i) threads.emplace_back([this, i, &o] { serve(i, o); });
+  }
+  ~WorkerPool() {
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      stop = true;
+    }
+    work.notify_all();
+    for (std::thread& t : threads) t.join();
+  }
+  void serve(int index, const CountOptions& o) {
+    for (;;) {
+      Batch* b = nullptr;
+      {
+        std::unique_lock<std::mutex> lock(mutex);
+        work.wait(lock, [this] { return stop || !queue.empty(); });
+        if (stop) return;
+        b = queue.front();
+        queue.pop_front();
+      }
+      count_batch(workers[index], index, o, *b);
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        b->done = true;
+      }
+      finished.notify_all();
+    }
+  }
+  void submit(Batch* b) {
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      queue.push_back(b);
+    }
+    work.notify_one();
+  }
+  void wait_for(Batch* b) {
+    std::unique_lock<std::mutex> lock(mutex);
+    finished.wait(lock, [b] { return b->done; });
+  }
+};
+
+void count_all(CompoundStream& input, const CountOptions& o, CountedRun& run) {
+  const int threads = std::max(o.threads, 1);
+  // Declared before the pool, so that however this ends the workers have
+  // stopped before the batches they may be counting go away.
+  std::deque<std::unique_ptr<Batch>> in_flight, spare;
+  // One thread counts in the caller's thread; more get a pool, and the
+  // caller reads and merges.
+  std::unique_ptr<WorkerPool> pool = threads > 1 ? std::make_unique<WorkerPool>(threads, o) : nullptr;
+  Worker inline_worker;
+  Merge merge;
+  merge.global.resize(threads);
+  merge.epoch.assign(threads, 0);
+  const std::size_t in_flight_limit = threads > 1 ? 4 * static_cast<std::size_t>(threads) : 1;
+  Progress progress;
+  if (o.progress) progress_start(progress, input.compounds, o.lmin, o.lmax);
+  bool input_done = false;
+  bool input_failed = false;
+  Failure input_failure;
+  int next_index = 0;
+  while (true) {
+    while (!input_done && in_flight.size() < in_flight_limit) {
+      std::unique_ptr<Batch> b;
+      if (!spare.empty()) {
+        b = std::move(spare.front());
+        spare.pop_front();
+      } else {
+        b = std::make_unique<Batch>();
+        b->graphs.resize(BATCH_COMPOUNDS);
+        b->names.resize(BATCH_COMPOUNDS);
+      }
+      b->first = next_index;
+      b->size = 0;
+      b->done = b->failed = b->out_of_memory = false;
+      try {
+        while (b->size < BATCH_COMPOUNDS && next_compound(input, b->graphs[b->size], b->names[b->size])) ++b->size;
+        if (b->size < BATCH_COMPOUNDS) input_done = true;
+      } catch (const Failure& f) {
+        // The compounds before it come first in input order: they are
+        // counted and merged before the failure is reported.
+        input_done = input_failed = true;
+        input_failure = f;
+      }
+      if (b->size == 0) {
+        spare.push_back(std::move(b));
+        break;
+      }
+      next_index += b->size;
+      if (pool) {
+        pool->submit(b.get());
+      } else {
+        count_batch(inline_worker, 0, o, *b);
+        b->done = true;
+      }
+      in_flight.push_back(std::move(b));
+    }
+    if (in_flight.empty()) break;
+    Batch* front = in_flight.front().get();
+    if (pool) pool->wait_for(front);
+    merge_batch(*front, merge, run);
+    progress_update(progress, run.compounds, run.fragments);
+    spare.push_back(std::move(in_flight.front()));
+    in_flight.pop_front();
+  }
+  progress_finish(progress);
+  if (input_failed) throw input_failure;
+}
+
+}  // namespace
+
+int find_or_add_form(FormStore& store, const GraphView& g) {
+  if (store.buckets.empty()) rehash(store, 1 << 12);
+  std::size_t mask = store.buckets.size() - 1;
+  for (std::size_t b = arrays_hash(g) & mask;; b = (b + 1) & mask) {
+    const int f = store.buckets[b];
+    if (f < 0) {
+      const int added = static_cast<int>(store.forms.size());
+      store.forms.push_back(StoredForm{static_cast<std::uint32_t>(store.arrays.size()), g.vs, g.es, g.key});
+      store.arrays.insert(store.arrays.end(), g.vl, g.vl + g.vs);
+      store.arrays.insert(store.arrays.end(), g.v, g.v + g.vs + 1);
+      store.arrays.insert(store.arrays.end(), g.e, g.e + g.es);
+      store.arrays.insert(store.arrays.end(), g.el, g.el + g.es);
+      store.buckets[b] = added;
+      if (2 * store.forms.size() > store.buckets.size()) rehash(store, 2 * store.buckets.size());
+      return added;
+    }
+    if (same_arrays(form_view(store, f), g)) return f;
+  }
+}
+
+GraphView form_view(const FormStore& store, int f) { return view_in(store.arrays, store.forms[f]); }
+
+void count_compounds(CompoundStream& input, const CountOptions& options, CountedRun& run) {
+  run.spill.limit = options.spill_limit;
+  run.spill.directory = options.spill_directory;
+  try {
+    RaiseFailures raise;
+    count_all(input, options, run);
+    if (run.spill.file && std::fflush(run.spill.file.get()) != 0)
+      fatal_error(format_text("can't write a temporary file in '%s': %s\n", run.spill.directory.c_str(),
+                              std::strerror(errno)));
+  } catch (const Failure& f) {
+    // Every worker has stopped by now; report it as this thread reports
+    // failures (ending the process, or raising for a host).
+    if (f.on_stderr) fatal_error_on_stderr(f.message);
+    fatal_error(f.message);
+  }
+}
+
+void number_forms(const CountedRun& run, const RunSettings& settings, const LabelDictionary& dict, bool announce,
+                  std::FILE* structure, Numbering& numbering) {
+  const int forms = static_cast<int>(run.store.forms.size());
+  numbering.id.assign(forms, 0);
+  numbering.descriptor.assign(forms, 0);
+  numbering.total = numbering.descriptors = 0;
+  SlotOccupancy occupancy;
+  create_occupancy(occupancy);
+  std::vector<std::pair<int, int>> placed;  // (slot, form)
+  // A 64-bit counter: lmax may be the largest int.
+  for (long long t = settings.lmin; t <= settings.lmax; ++t) {
+    if (announce) std::printf("threshold = %d\n", static_cast<int>(t));
+    placed.clear();
+    if (t >= 0 && t < static_cast<long long>(run.by_length.size())) {
+      for (int f : run.by_length[t]) {
+        numbering.id[f] = ++numbering.total;
+        placed.emplace_back(claim_slot(occupancy, run.store.forms[f].key), f);
+      }
+    }
+    std::sort(placed.begin(), placed.end());
+    for (const auto& [slot, f] : placed) {
+      if (run.support[f] < settings.fmin) continue;
+      numbering.descriptor[f] = ++numbering.descriptors;
+      if (structure == nullptr) continue;
+      const HashEntry entry{1, run.support[f], numbering.id[f], -1};
+      if (settings.mol2input) write_mol2_fragment(entry, form_view(run.store, f), dict, structure);
+      else write_sd_fragment(entry, form_view(run.store, f), dict, structure);
+    }
+    if (announce)
+      std::printf("total upto this threshold = %d,value of k = %d\n", numbering.total, numbering.descriptors);
+  }
+  if (announce) std::printf("total features stored after freq elimination = %d\n", numbering.descriptors);
+}
+
+void start_rows(CountedRun& run, RowReader& rows) {
+  rows = RowReader{};
+  rows.run = &run;
+  rows.left = run.spill.size;
+  if (run.spill.file) {
+    std::rewind(run.spill.file.get());
+    rows.buffer.resize(1 << 20);
+  }
+}
+
+namespace {
+
+int next_byte(RowReader& r) {
+  if (r.at == r.end) {
+    const Spill& s = r.run->spill;
+    if (r.left == 0) return -1;
+    if (!s.file) {
+      // In memory: read where the bytes lie.
+      r.at = s.size - r.left;
+      r.end = s.size;
+      r.left = 0;
+      return s.memory[r.at++];
+    }
+    const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(r.left, r.buffer.size()));
+    const std::size_t got = std::fread(r.buffer.data(), 1, want, s.file.get());
+    if (got == 0)
+      fatal_error(format_text("can't read a temporary file in '%s': %s\n", s.directory.c_str(), std::strerror(errno)));
+    r.at = 0;
+    r.end = got;
+    r.left -= got;
+  }
+  return r.run->spill.file ? r.buffer[r.at++] : r.run->spill.memory[r.at++];
+}
+
+std::uint64_t next_number(RowReader& r) {
+  std::uint64_t x = 0;
+  for (int shift = 0;; shift += 7) {
+    const int byte = next_byte(r);
+    TAVRIX_CHECK(byte >= 0);
+    x |= static_cast<std::uint64_t>(byte & 0x7f) << shift;
+    if ((byte & 0x80) == 0) return x;
+  }
+}
+
+}  // namespace
+
+bool next_row(RowReader& rows, const Numbering& numbering, std::string& name, DescriptorPairs& pairs) {
+  if (rows.at == rows.end && rows.left == 0) return false;
+  const std::uint64_t length = next_number(rows);
+  name.resize(length);
+  for (std::uint64_t i = 0; i < length; ++i) name[i] = static_cast<char>(next_byte(rows));
+  const std::uint64_t entries = next_number(rows);
+  pairs.clear();
+  for (std::uint64_t p = 0; p < entries; ++p) {
+    const int f = static_cast<int>(next_number(rows));
+    const int count = static_cast<int>(next_number(rows));
+    if (numbering.descriptor[f] != 0) pairs.emplace_back(numbering.descriptor[f], count);
+  }
+  return true;
+}
+
+namespace {
+
+// The processors this process may run on, and what a cgroup quota allows.
+int processors_available() {
+  int n = 1;
+  cpu_set_t set;
+  if (sched_getaffinity(0, sizeof set, &set) == 0) n = std::max(CPU_COUNT(&set), 1);
+  else n = std::max(static_cast<int>(std::thread::hardware_concurrency()), 1);
+  std::ifstream quota("/sys/fs/cgroup/cpu.max");
+  std::string max, period;
+  if (quota >> max >> period && max != "max") {
+    const long long q = std::atoll(max.c_str()), p = std::atoll(period.c_str());
+    if (q > 0 && p > 0) n = std::min(n, static_cast<int>(std::max<long long>((q + p - 1) / p, 1)));
+  }
+  return n;
+}
+
+}  // namespace
+
+int threads_to_use() {
+  const char* text = std::getenv("TAVRIX_THREADS");
+  if (text == nullptr) return processors_available();
+  long long n = 0;
+  bool valid = *text != '\0';
+  for (const char* p = text; *p != '\0' && valid; ++p) {
+    valid = *p >= '0' && *p <= '9';
+    n = std::min<long long>(n * 10 + (*p - '0'), INT_MAX + 1LL);
+  }
+  // A thread per compound batch in flight is the most that can be used; more
+  // than a thousand is taken as a mistake.
+  if (!valid || n < 1 || n > 1024)
+    fatal_error(format_text("TAVRIX_THREADS must be a whole number of threads from 1 to 1024, not '%s'\n", text));
+  return static_cast<int>(n);
+}
+
+std::size_t spill_limit_to_use() {
+  const char* text = std::getenv("TAVRIX_SPILL_MB");
+  if (text == nullptr) return std::size_t{64} << 20;
+  long long n = 0;
+  bool valid = *text != '\0';
+  for (const char* p = text; *p != '\0' && valid; ++p) {
+    valid = *p >= '0' && *p <= '9';
+    n = std::min<long long>(n * 10 + (*p - '0'), 1LL << 40);
+  }
+  if (!valid || n > (1LL << 20))
+    fatal_error(format_text("TAVRIX_SPILL_MB must be a whole number of megabytes from 0 to 1048576, not '%s'\n", text));
+  return static_cast<std::size_t>(n) << 20;
+}

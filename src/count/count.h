@@ -1,0 +1,116 @@
+// Counting a run's compounds on several threads, in memory bounded by the
+// distinct fragments rather than by the compounds.
+//
+// The input is read one compound at a time. Workers count batches of
+// compounds, each with a counter of its own (its forms are numbered in the
+// order it meets them); one merge, in input order, gives every distinct
+// fragment its place in a store shared by the run, in order of first
+// occurrence over the compounds in input order, whatever thread met it first,
+// and counts its support. So ids, slots and descriptor numbers come out as one
+// thread counting every compound in turn gives them. Each compound's entries
+// must wait until every compound is counted before their descriptor numbers
+// are known: they are kept compact, and past a bound in an unlinked temporary
+// file, then read back in order to write the descriptor lines.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/common.h"
+#include "graph/graph.h"
+#include "input/input.h"
+
+// A compound's descriptors: (descriptor number, count) in the order a run
+// lists them, ascending length first, then first occurrence in the compound.
+using DescriptorPairs = std::vector<std::pair<int, int>>;
+
+struct StoredForm {
+  std::uint32_t at = 0;   // where its vl, v, e, el begin in FormStore::arrays
+  int vs = 0;
+  int es = 0;
+  std::uint32_t key = 0;  // the table's hash key
+};
+
+// Every distinct fragment of a run, by its canonical arrays.
+struct FormStore {
+  std::vector<int> arrays;
+  std::vector<StoredForm> forms;
+  std::vector<std::int32_t> buckets;  // open addressing by the arrays' hash; -1 for an empty bucket
+};
+
+// The form's index in the store, adding it when new.
+int find_or_add_form(FormStore& store, const GraphView& g);
+GraphView form_view(const FormStore& store, int f);
+
+// Bytes appended one after the other and read back once, in order: in
+// memory up to `limit`, then in a temporary file that no name refers to, so
+// that it goes away however the process ends.
+struct Spill {
+  std::size_t limit = 0;
+  std::string directory;          // where the file is made
+  std::vector<std::uint8_t> memory;
+  FilePtr file;                   // once past the limit
+  std::vector<char> file_buffer;  // the file's stream buffer, which must outlive it
+  std::uint64_t size = 0;
+};
+
+struct CountOptions {
+  int lmin = 1, lmax = 7, opt = 1;  // lengths and fragment type, as the run settings give them
+  int threads = 1;                  // workers counting compounds
+  std::size_t spill_limit = std::size_t{64} << 20;  // entry bytes held in memory
+  std::string spill_directory = ".";
+  bool progress = false;            // the progress line on a terminal's standard error
+};
+
+struct CountedRun {
+  FormStore store;
+  std::vector<int> support;                 // per form: compounds holding it
+  std::vector<std::vector<int>> by_length;  // per length in bonds: its forms in order of first occurrence
+  Spill spill;                              // per compound: name and (form, count) entries
+  int compounds = 0;
+  long long fragments = 0;                  // occurrences counted
+};
+
+// Counts every compound of the stream. A failure of the input, or of a
+// worker, is reported as the first one in input order, after every worker
+// has stopped.
+void count_compounds(CompoundStream& input, const CountOptions& options, CountedRun& run);
+
+// Ids, slots and descriptor numbers of the counted forms, length by length
+// from lmin to lmax, as the table gives them.
+struct Numbering {
+  std::vector<int> id;          // per form
+  std::vector<int> descriptor;  // per form: descriptor number, 0 for none
+  int total = 0;                // distinct fragments numbered
+  int descriptors = 0;          // descriptors issued
+};
+
+// Numbers every length; with `announce`, prints the length lines and the
+// final total on standard output; writes each descriptor's record to
+// structure when set.
+void number_forms(const CountedRun& run, const RunSettings& settings, const LabelDictionary& dict, bool announce,
+                  std::FILE* structure, Numbering& numbering);
+
+// Reading the compounds back, in input order, with their descriptors.
+struct RowReader {
+  const CountedRun* run = nullptr;
+  std::vector<std::uint8_t> buffer;
+  std::size_t at = 0, end = 0;
+  std::uint64_t left = 0;  // bytes not yet in the buffer
+};
+void start_rows(CountedRun& run, RowReader& rows);
+bool next_row(RowReader& rows, const Numbering& numbering, std::string& name, DescriptorPairs& pairs);
+
+// The threads a run counts on: TAVRIX_THREADS when set (a positive whole
+// number; anything else ends the run with a message), else the processors
+// this process may run on (its CPU affinity, and a cgroup CPU quota where one
+// is set).
+int threads_to_use();
+
+// The bytes of compound entries a run holds in memory before the rest goes to
+// a temporary file: TAVRIX_SPILL_MB megabytes when set (a whole number, 0
+// for none; anything else ends the run with a message), else 64 MB.
+std::size_t spill_limit_to_use();

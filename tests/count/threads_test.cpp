@@ -1,0 +1,136 @@
+// Runs on several threads, and with every compound's entries forced through
+// the temporary file, against the same run on one thread: random compound
+// sets and settings, refused input, and the thread count's own refusals.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <sstream>
+
+#include "support/process.h"
+
+namespace {
+
+using namespace testsupport;
+
+std::vector<std::string> sd_records(const std::string& text) {
+  std::vector<std::string> records;
+  std::size_t start = 0;
+  for (std::size_t end; (end = text.find("$$$$\n", start)) != std::string::npos; start = end + 5)
+    records.push_back(text.substr(start, end + 5 - start));
+  return records;
+}
+
+std::vector<std::string> mol2_records(const std::string& text) {
+  std::vector<std::string> records;
+  const std::string marker = "@<TRIPOS>MOLECULE";
+  for (std::size_t start = text.find(marker); start != std::string::npos;) {
+    const std::size_t next = text.find(marker, start + marker.size());
+    records.push_back(text.substr(start, next == std::string::npos ? std::string::npos : next - start));
+    start = next;
+  }
+  return records;
+}
+
+struct Outcome {
+  RunResult result;
+  std::string descriptors, structures;
+};
+
+Outcome run_with(const std::vector<std::string>& args, const std::string& dir, const std::vector<std::string>& env) {
+  Outcome o{run_tavrix(args, dir, env), "", ""};
+  o.descriptors = read_file(dir + "/run.out");
+  o.structures = read_file(dir + "/run_frag.sdf");
+  std::remove((dir + "/run.out").c_str());
+  std::remove((dir + "/run_frag.sdf").c_str());
+  return o;
+}
+
+void expect_same(const Outcome& a, const Outcome& b, const std::string& what) {
+  EXPECT_EQ(a.result.status, b.result.status) << what;
+  EXPECT_EQ(a.result.out, b.result.out) << what;
+  EXPECT_EQ(a.result.err, b.result.err) << what;
+  EXPECT_TRUE(a.descriptors == b.descriptors) << what << ": descriptor files differ";
+  EXPECT_TRUE(a.structures == b.structures) << what << ": structure files differ";
+}
+
+const std::vector<std::vector<std::string>> several = {
+    {"TAVRIX_THREADS=2"}, {"TAVRIX_THREADS=3", "TAVRIX_SPILL_MB=0"}, {"TAVRIX_THREADS=8"}};
+
+TEST(threads, random_compound_sets_give_one_threads_output) {
+  const std::string dir = make_temp_dir();
+  const std::string data = std::string(TAVRIX_TEST_DATA) + "/input/";
+  const std::vector<std::string> sd = sd_records(unxz(data + "nci200.sdf.xz"));
+  const std::vector<std::string> mol2 = mol2_records(unxz(data + "cdk2.mol2.xz"));
+  std::mt19937 random(20261123);
+  for (int trial = 0; trial < 6; ++trial) {
+    const bool use_mol2 = trial % 2 == 1;
+    std::vector<std::string> records = use_mol2 ? mol2 : sd;
+    std::shuffle(records.begin(), records.end(), random);
+    records.resize(30 + random() % (records.size() - 30));
+    std::string text;
+    for (const std::string& r : records) text += r;
+    const std::string input = use_mol2 ? "set.mol2" : "set.sdf";
+    write_file(dir + "/" + input, text);
+    const char* types[] = {"QZ", "TF", "PF"};
+    std::vector<std::string> args = {"-ds", types[random() % 3], "-lmin", std::to_string(1 + random() % 2),
+                                     "-lmax", std::to_string(3 + random() % 4), "-fmin",
+                                     std::to_string(1 + random() % 3), "-ofile", "run"};
+    if (random() % 2) args.push_back("-NoBndLabels");
+    if (use_mol2 && random() % 2) args.push_back("-NoAtmLabels");
+    args.push_back(input);
+    std::ostringstream what;
+    for (const std::string& a : args) what << a << ' ';
+    const Outcome one = run_with(args, dir, {"TAVRIX_THREADS=1"});
+    ASSERT_EQ(one.result.status, 1) << what.str() << one.result.out;
+    for (const auto& env : several) expect_same(one, run_with(args, dir, env), what.str() + env[0]);
+  }
+  remove_tree(dir);
+}
+
+TEST(threads, the_first_refused_compound_in_input_order_is_reported) {
+  const std::string dir = make_temp_dir();
+  std::vector<std::string> records = sd_records(unxz(std::string(TAVRIX_TEST_DATA) + "/input/nci200.sdf.xz"));
+  // An invalid bond type in record 120 and an atom line too short in record
+  // 180: counting has started on later compounds when the first is read.
+  auto edit = [](std::string& record, bool bond) {
+    std::vector<std::string> lines;
+    std::istringstream in(record);
+    for (std::string line; std::getline(in, line);) lines.push_back(line + "\n");
+    const int atoms = std::stoi(lines[3].substr(0, 3));
+    std::string& line = lines[4 + atoms - (bond ? 0 : 1)];
+    line = bond ? line.substr(0, 8) + "9" + line.substr(9) : line.substr(0, 20) + "\n";
+    record.clear();
+    for (const std::string& l : lines) record += l;
+  };
+  edit(records[119], true);
+  edit(records[179], false);
+  std::string text;
+  for (const std::string& r : records) text += r;
+  write_file(dir + "/bad.sdf", text);
+  const std::vector<std::string> args = {"-lmax", "5", "-ofile", "run", "bad.sdf"};
+  const Outcome one = run_with(args, dir, {"TAVRIX_THREADS=1"});
+  EXPECT_EQ(one.result.status, 1);
+  EXPECT_NE(one.result.out.find("read sdf file : edge label not valid 9\n"), std::string::npos) << one.result.out;
+  for (const auto& env : several) expect_same(one, run_with(args, dir, env), env[0]);
+  remove_tree(dir);
+}
+
+TEST(threads, a_thread_count_that_is_no_positive_number_is_refused_before_any_file) {
+  const std::string dir = make_temp_dir();
+  write_file(dir + "/x.sdf", read_file(std::string(TAVRIX_TEST_DATA) + "/example/example.sdf"));
+  for (const std::string value : {"0", "-2", "two", "", "3x", "99999999999"}) {
+    const RunResult r = run_tavrix({"x.sdf"}, dir, {"TAVRIX_THREADS=" + value});
+    EXPECT_EQ(r.status, 1) << value;
+    EXPECT_NE(r.out.find("TAVRIX_THREADS must be a whole number of threads from 1 to 1024, not '" + value + "'\n"),
+              std::string::npos)
+        << r.out;
+    EXPECT_FALSE(file_exists(dir + "/x_frag.sdf")) << value;
+    EXPECT_FALSE(file_exists(dir + "/x.sdf.dict")) << value;
+  }
+  const RunResult r = run_tavrix({"x.sdf"}, dir, {"TAVRIX_SPILL_MB=lots"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("TAVRIX_SPILL_MB must be"), std::string::npos) << r.out;
+  remove_tree(dir);
+}
+
+}  // namespace
