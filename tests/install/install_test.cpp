@@ -70,7 +70,10 @@ TEST(install, debian_package_holds_both_programs_and_their_pages) {
     EXPECT_NE(contents.out.find(path), std::string::npos) << path << "\n" << contents.out;
   const auto control = run_program(dpkg_deb, {"--field", deb, "Package", "Depends"}, out);
 #ifndef TAVRIX_SANITIZED  // a sanitizer build rightly depends on the sanitizer runtimes too
-  EXPECT_EQ(control.out.rfind("Package: tavrix\nDepends: libc6", 0), 0u) << control.out;
+  // The C library among the dependencies (after Python's, in a build with the
+  // Python package).
+  EXPECT_EQ(control.out.rfind("Package: tavrix\nDepends: ", 0), 0u) << control.out;
+  EXPECT_NE(control.out.find("libc6"), std::string::npos) << control.out;
 #endif
   remove_tree(out);
 }

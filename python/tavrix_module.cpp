@@ -1,0 +1,238 @@
+// tavrix._core: the core library's reading, counting and descriptor spaces
+// for the Python package. The package decides what the input is; this side
+// only turns settings, a file name or SD text into count matrices, exactly as
+// a run of the program over the same compounds would count them.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/common.h"
+#include "driver/descriptor_run.h"
+#include "input/input.h"
+#include "settings/settings.h"
+#include "space/space.h"
+
+namespace py = pybind11;
+
+namespace {
+
+// The settings a command line would give; the package has checked them.
+RunSettings make_settings(const std::string& ds, int lmin, int lmax, int fmin, bool atom_labels, bool bond_labels,
+                          bool mol2) {
+  RunSettings s;
+  s.option = ds;
+  s.opt = ds == "QZ" ? 1 : ds == "TF" ? 2 : 3;
+  s.lmin = lmin;
+  s.lmax = lmax;
+  s.fmin = fmin;
+  s.NoAtmLabels = !atom_labels;
+  s.NoBndLabels = !bond_labels;
+  s.mol2input = mol2;
+  return s;
+}
+
+// A compound-by-descriptor count matrix in compressed rows, columns ascending
+// within a row (column j is descriptor j + 1).
+struct Rows {
+  std::vector<long long> indptr{0};
+  std::vector<int> indices;
+  std::vector<int> data;
+};
+
+void add_row(std::vector<std::pair<int, int>>& pairs, Rows& rows) {
+  std::sort(pairs.begin(), pairs.end());
+  for (const auto& [column, count] : pairs) {
+    rows.indices.push_back(column);
+    rows.data.push_back(count);
+  }
+  rows.indptr.push_back(static_cast<long long>(rows.indices.size()));
+}
+
+py::tuple to_python(const Rows& rows, long long columns) {
+  auto copy = [](const auto& v) {
+    using T = typename std::decay_t<decltype(v)>::value_type;
+    py::array_t<T> a(static_cast<py::ssize_t>(v.size()));
+    std::copy(v.begin(), v.end(), a.mutable_data());
+    return a;
+  };
+  return py::make_tuple(copy(rows.indptr), copy(rows.indices), copy(rows.data),
+                        static_cast<long long>(rows.indptr.size()) - 1, columns);
+}
+
+// The compounds of a file (text absent) or of SD or Mol2 text.
+CompoundInput read_input(const RunSettings& settings, const std::string& name, const std::optional<std::string>& text) {
+  return read_compounds_in_memory(settings, InputSource{name, text ? &*text : nullptr});
+}
+
+// Everything a run writes, in memory: the structure records through a
+// memstream, so that they are the very bytes of the structure file.
+struct FitResult {
+  std::string structures;
+  Rows rows;
+  int descriptors = 0;
+};
+
+class MemoryStream {
+ public:
+  MemoryStream() : stream_(open_memstream(&buffer_, &size_)) {
+    if (stream_ == nullptr) throw std::bad_alloc();
+  }
+  ~MemoryStream() {
+    if (stream_ != nullptr) std::fclose(stream_);
+    std::free(buffer_);
+  }
+  MemoryStream(const MemoryStream&) = delete;
+  MemoryStream& operator=(const MemoryStream&) = delete;
+  std::FILE* get() const { return stream_; }
+  std::string take() {
+    std::fclose(stream_);
+    stream_ = nullptr;
+    return std::string(buffer_, size_);
+  }
+
+ private:
+  char* buffer_ = nullptr;
+  std::size_t size_ = 0;
+  std::FILE* stream_;
+};
+
+FitResult fit(const RunSettings& settings, const std::string& name, const std::optional<std::string>& text) {
+  RaiseFailures raise;
+  const CompoundInput input = read_input(settings, name, text);
+  MemoryStream structure;
+  DescriptorRun run;
+  run_descriptors(settings, input, RunOutputs{false, false, structure.get()}, run);
+  FitResult result;
+  result.structures = structure.take();
+  result.descriptors = run.descriptors;
+  std::vector<std::pair<int, int>> pairs;
+  for (std::size_t compid = 0; compid < input.compounds.size(); ++compid) {
+    pairs.clear();
+    const std::vector<Occurrence>& list = run.table.csr[compid];
+    const int size = run.table.csrcount[compid].size;
+    for (int p = 0; p < size; ++p)
+      if (const int number = run.idmap[list[p].id]; number != -1) pairs.emplace_back(number - 1, list[p].count);
+    add_row(pairs, result.rows);
+  }
+  return result;
+}
+
+// A fitted descriptor space: read once from the fit's structure records,
+// then only read, so several threads may apply it at once.
+struct Space {
+  DescriptorSpace space;
+};
+
+Space read_fitted_space(const std::string& structures) {
+  RaiseFailures raise;
+  return Space{read_space("fitted descriptor space", structures, true)};
+}
+
+Rows apply(const Space& s, const RunSettings& settings, const std::string& name, const std::optional<std::string>& text) {
+  RaiseFailures raise;
+  const CompoundInput input = read_input(settings, name, text);
+  std::vector<DescriptorPairs> found;
+  ApplySummary summary;
+  apply_space(s.space, input, found, summary);
+  Rows rows;
+  std::vector<std::pair<int, int>> pairs;
+  for (const DescriptorPairs& row : found) {
+    pairs.clear();
+    for (const auto& [number, count] : row) pairs.emplace_back(number - 1, count);
+    add_row(pairs, rows);
+  }
+  return rows;
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_core, m) {
+  m.doc() = "Tavrix core: reading, fragment counting and descriptor spaces (use the tavrix package)";
+
+  // A refused input becomes a ValueError carrying the program's message
+  // without its line end; the process and its state go on.
+  py::register_exception_translator([](std::exception_ptr p) {
+    try {
+      if (p) std::rethrow_exception(p);
+    } catch (const Failure& f) {
+      std::string message = f.message;
+      while (!message.empty() && message.back() == '\n') message.pop_back();
+      PyErr_SetString(PyExc_ValueError, message.c_str());
+    }
+  });
+
+  m.def(
+      "fit",
+      [](const std::string& name, std::optional<std::string> text, bool mol2, const std::string& ds, int lmin,
+         int lmax, int fmin, bool atom_labels, bool bond_labels) {
+        const RunSettings settings = make_settings(ds, lmin, lmax, fmin, atom_labels, bond_labels, mol2);
+        FitResult result;
+        {
+          py::gil_scoped_release release;
+          result = fit(settings, name, text);
+        }
+        return py::make_tuple(py::bytes(result.structures), to_python(result.rows, result.descriptors));
+      },
+      py::arg("name"), py::arg("text"), py::arg("mol2"), py::arg("ds"), py::arg("lmin"), py::arg("lmax"),
+      py::arg("fmin"), py::arg("atom_labels"), py::arg("bond_labels"),
+      "Counts the compounds of the file name (or of text) as a run would: returns the structure records and "
+      "(indptr, indices, data, rows, columns) of the count matrix.");
+
+  py::class_<Space>(m, "Space")
+      .def(py::init([](const py::bytes& structures) {
+             std::string text = structures;
+             py::gil_scoped_release release;
+             return read_fitted_space(text);
+           }),
+           py::arg("structures"))
+      .def_property_readonly("mol2", [](const Space& s) { return s.space.mol2; })
+      .def_property_readonly("records",
+                             [](const Space& s) {
+                               // Bytes: labels are whatever bytes the input held.
+                               py::list out;
+                               const int n = static_cast<int>(s.space.fragments.size());
+                               for (int d = 1; d <= n; ++d) {
+                                 const std::string_view r = record_text(s.space, d);
+                                 out.append(py::bytes(r.data(), r.size()));
+                               }
+                               return out;
+                             })
+      .def_property_readonly("fragments",
+                             [](const Space& s) {
+                               // Per descriptor: atom labels and (atom, atom, bond label) of each bond.
+                               py::list out;
+                               for (const SpaceFragment& f : s.space.fragments) {
+                                 py::list bonds;
+                                 for (int i = 0; i < f.vs; ++i)
+                                   for (int j = f.v[i]; j < f.v[i + 1]; ++j)
+                                     if (i < f.e[j])
+                                       bonds.append(py::make_tuple(i, f.e[j], s.space.bond_labels[f.el[j]]));
+                                 py::list atoms;
+                                 for (const int a : f.vl) atoms.append(py::bytes(s.space.atom_labels[a]));
+                                 out.append(py::make_tuple(atoms, bonds));
+                               }
+                               return out;
+                             })
+      .def(
+          "apply",
+          [](const Space& s, const std::string& name, std::optional<std::string> text, bool mol2,
+             const std::string& ds, int lmin, int lmax, int fmin, bool atom_labels, bool bond_labels) {
+            const RunSettings settings = make_settings(ds, lmin, lmax, fmin, atom_labels, bond_labels, mol2);
+            Rows rows;
+            {
+              py::gil_scoped_release release;
+              rows = apply(s, settings, name, text);
+            }
+            return to_python(rows, static_cast<long long>(s.space.fragments.size()));
+          },
+          py::arg("name"), py::arg("text"), py::arg("mol2"), py::arg("ds"), py::arg("lmin"), py::arg("lmax"),
+          py::arg("fmin"), py::arg("atom_labels"), py::arg("bond_labels"),
+          "Counts the space's descriptors in the compounds of the file name (or of text).");
+}
