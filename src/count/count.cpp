@@ -28,13 +28,13 @@ namespace {
 // Compounds handed to a worker at a time: enough to make the hand-over cheap,
 // few enough that the workers stay evenly busy to the end.
 constexpr int BATCH_COMPOUNDS = 32;
-// A worker's counter remembers every form and growth step it met; past this
-// it starts afresh (the forms are in the run's store already), so memory does
-// not grow with the threads beyond this each.
-std::size_t memo_budget() {
-  static const std::size_t budget = std::getenv("TAVRIX_MEMO_MB") ? std::size_t(std::atoll(std::getenv("TAVRIX_MEMO_MB"))) << 20 : std::size_t{256} << 20;
-  return budget;
-}
+// A worker's counter remembers every form and growth step it met, which
+// spares labelling the same fragments again; past its share of this budget
+// it starts afresh (its forms are in the run's store already), so memory does
+// not grow with the distinct fragments beyond it. Each worker gets at least
+// the floor, below which it would relabel too often to count quickly.
+constexpr std::size_t MEMO_BUDGET = std::size_t{128} << 20;
+constexpr std::size_t MEMO_FLOOR = std::size_t{32} << 20;
 
 // ---- The form store ----
 
@@ -95,17 +95,28 @@ FilePtr open_temporary(const std::string& directory) {
   fatal_error(format_text("can't open a temporary file in '%s': %s\n", directory.c_str(), std::strerror(errno)));
 }
 
+constexpr std::size_t SPILL_BLOCK = std::size_t{1} << SPILL_BLOCK_BITS;
+
 void spill_append(Spill& s, const std::vector<std::uint8_t>& bytes) {
-  if (!s.file && s.memory.size() + bytes.size() > s.limit) {
+  if (!s.file && s.size + bytes.size() > s.limit) {
     s.file = open_temporary(s.directory);
     s.file_buffer.resize(1 << 20);
     std::setvbuf(s.file.get(), s.file_buffer.data(), _IOFBF, s.file_buffer.size());
-    std::fwrite(s.memory.data(), 1, s.memory.size(), s.file.get());
-    std::vector<std::uint8_t>().swap(s.memory);
+    for (std::uint64_t at = 0; at < s.size; at += SPILL_BLOCK)
+      std::fwrite(s.blocks[at >> SPILL_BLOCK_BITS].get(), 1, std::min<std::uint64_t>(SPILL_BLOCK, s.size - at),
+                  s.file.get());
+    s.blocks.clear();
   }
-  if (s.file) std::fwrite(bytes.data(), 1, bytes.size(), s.file.get());
-  else s.memory.insert(s.memory.end(), bytes.begin(), bytes.end());
-  s.size += bytes.size();
+  if (s.file) {
+    std::fwrite(bytes.data(), 1, bytes.size(), s.file.get());
+    s.size += bytes.size();
+    return;
+  }
+  for (std::uint8_t byte : bytes) {
+    if ((s.size & (SPILL_BLOCK - 1)) == 0) s.blocks.push_back(std::make_unique<std::uint8_t[]>(SPILL_BLOCK));
+    s.blocks.back()[s.size & (SPILL_BLOCK - 1)] = byte;
+    ++s.size;
+  }
 }
 
 // ---- Workers ----
@@ -138,7 +149,7 @@ struct Worker {
 void count_batch(Worker& w, int index, const CountOptions& o, Batch& b) {
   try {
     RaiseFailures raise;
-    if (!w.counter || w.counter->memo_bytes() > memo_budget()) {
+    if (!w.counter || w.counter->memo_bytes() > std::max(MEMO_FLOOR, MEMO_BUDGET / std::max(o.threads, 1))) {
       w.counter.reset();
       w.counter = std::make_unique<FragmentCounter>(o.lmin, o.lmax, o.opt);
       ++w.epoch;
@@ -156,7 +167,7 @@ void count_batch(Worker& w, int index, const CountOptions& o, Batch& b) {
     b.form_arrays.clear();
     for (int f = w.exported; f < counter.forms(); ++f) {
       const GraphView g = counter.form(f);
-      b.new_forms.push_back(StoredForm{static_cast<std::uint32_t>(b.form_arrays.size()), g.vs, g.es, g.key});
+      b.new_forms.push_back(StoredForm{b.form_arrays.size(), g.vs, g.es, g.key});
       b.form_arrays.insert(b.form_arrays.end(), g.vl, g.vl + g.vs);
       b.form_arrays.insert(b.form_arrays.end(), g.v, g.v + g.vs + 1);
       b.form_arrays.insert(b.form_arrays.end(), g.e, g.e + g.es);
@@ -175,12 +186,13 @@ void count_batch(Worker& w, int index, const CountOptions& o, Batch& b) {
   }
 }
 
-GraphView view_in(const std::vector<int>& arrays, const StoredForm& f) {
-  const int* vl = arrays.data() + f.at;
+GraphView view_at(const int* vl, const StoredForm& f) {
   const int* v = vl + f.vs;
   const int* e = v + f.vs + 1;
   return GraphView{f.vs, f.es, f.key, v, e, e + f.es, vl};
 }
+
+GraphView view_in(const std::vector<int>& arrays, const StoredForm& f) { return view_at(arrays.data() + f.at, f); }
 
 // The merge's side: each worker's forms in the run's store.
 struct Merge {
@@ -354,11 +366,20 @@ int find_or_add_form(FormStore& store, const GraphView& g) {
     const int f = store.buckets[b];
     if (f < 0) {
       const int added = static_cast<int>(store.forms.size());
-      store.forms.push_back(StoredForm{static_cast<std::uint32_t>(store.arrays.size()), g.vs, g.es, g.key});
-      store.arrays.insert(store.arrays.end(), g.vl, g.vl + g.vs);
-      store.arrays.insert(store.arrays.end(), g.v, g.v + g.vs + 1);
-      store.arrays.insert(store.arrays.end(), g.e, g.e + g.es);
-      store.arrays.insert(store.arrays.end(), g.el, g.el + g.es);
+      constexpr std::uint64_t chunk = std::uint64_t{1} << FORM_CHUNK_BITS;
+      const std::uint64_t size = 2 * static_cast<std::uint64_t>(g.vs) + 1 + 2 * static_cast<std::uint64_t>(g.es);
+      // A form that would straddle the end of a chunk starts the next one.
+      if ((store.end & (chunk - 1)) + size > chunk || store.end == chunk * store.chunks.size()) {
+        store.end = chunk * store.chunks.size();
+        store.chunks.push_back(std::make_unique<int[]>(chunk));
+      }
+      int* at = &store.chunks[store.end >> FORM_CHUNK_BITS][store.end & (chunk - 1)];
+      at = std::copy(g.vl, g.vl + g.vs, at);
+      at = std::copy(g.v, g.v + g.vs + 1, at);
+      at = std::copy(g.e, g.e + g.es, at);
+      std::copy(g.el, g.el + g.es, at);
+      store.forms.push_back(StoredForm{store.end, g.vs, g.es, g.key});
+      store.end += size;
       store.buckets[b] = added;
       if (2 * store.forms.size() > store.buckets.size()) rehash(store, 2 * store.buckets.size());
       return added;
@@ -367,7 +388,11 @@ int find_or_add_form(FormStore& store, const GraphView& g) {
   }
 }
 
-GraphView form_view(const FormStore& store, int f) { return view_in(store.arrays, store.forms[f]); }
+GraphView form_view(const FormStore& store, int f) {
+  const StoredForm& form = store.forms[f];
+  const std::uint64_t mask = (std::uint64_t{1} << FORM_CHUNK_BITS) - 1;
+  return view_at(&store.chunks[form.at >> FORM_CHUNK_BITS][form.at & mask], form);
+}
 
 void count_compounds(CompoundStream& input, const CountOptions& options, CountedRun& run) {
   run.spill.limit = options.spill_limit;
@@ -438,11 +463,14 @@ int next_byte(RowReader& r) {
     const Spill& s = r.run->spill;
     if (r.left == 0) return -1;
     if (!s.file) {
-      // In memory: read where the bytes lie.
-      r.at = s.size - r.left;
-      r.end = s.size;
-      r.left = 0;
-      return s.memory[r.at++];
+      // In memory: a block at a time, where the bytes lie.
+      const std::uint64_t from = s.size - r.left;
+      const std::size_t block = static_cast<std::size_t>(from >> SPILL_BLOCK_BITS);
+      r.at = 0;
+      r.end = static_cast<std::size_t>(std::min<std::uint64_t>(r.left, SPILL_BLOCK));
+      r.left -= r.end;
+      r.memory_block = s.blocks[block].get();
+      return r.memory_block[r.at++];
     }
     const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(r.left, r.buffer.size()));
     const std::size_t got = std::fread(r.buffer.data(), 1, want, s.file.get());
@@ -452,7 +480,7 @@ int next_byte(RowReader& r) {
     r.end = got;
     r.left -= got;
   }
-  return r.run->spill.file ? r.buffer[r.at++] : r.run->spill.memory[r.at++];
+  return r.run->spill.file ? r.buffer[r.at++] : r.memory_block[r.at++];
 }
 
 std::uint64_t next_number(RowReader& r) {

@@ -15,6 +15,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,15 +29,19 @@
 using DescriptorPairs = std::vector<std::pair<int, int>>;
 
 struct StoredForm {
-  std::uint32_t at = 0;   // where its vl, v, e, el begin in FormStore::arrays
+  std::uint64_t at = 0;   // where its vl, v, e, el begin in the store's chunks
   int vs = 0;
   int es = 0;
   std::uint32_t key = 0;  // the table's hash key
 };
 
-// Every distinct fragment of a run, by its canonical arrays.
+// Every distinct fragment of a run, by its canonical arrays. The arrays lie
+// in chunks that never move, so the store grows without ever holding an old
+// and a new copy of itself at once; a form never straddles two chunks.
+constexpr int FORM_CHUNK_BITS = 20;
 struct FormStore {
-  std::vector<int> arrays;
+  std::vector<std::unique_ptr<int[]>> chunks;  // 1 << FORM_CHUNK_BITS ints each
+  std::uint64_t end = 0;                       // where the next form's arrays go
   std::vector<StoredForm> forms;
   std::vector<std::int32_t> buckets;  // open addressing by the arrays' hash; -1 for an empty bucket
 };
@@ -48,10 +53,11 @@ GraphView form_view(const FormStore& store, int f);
 // Bytes appended one after the other and read back once, in order: in
 // memory up to `limit`, then in a temporary file that no name refers to, so
 // that it goes away however the process ends.
+constexpr int SPILL_BLOCK_BITS = 20;
 struct Spill {
   std::size_t limit = 0;
   std::string directory;          // where the file is made
-  std::vector<std::uint8_t> memory;
+  std::vector<std::unique_ptr<std::uint8_t[]>> blocks;  // in memory: 1 << SPILL_BLOCK_BITS bytes each
   FilePtr file;                   // once past the limit
   std::vector<char> file_buffer;  // the file's stream buffer, which must outlive it
   std::uint64_t size = 0;
@@ -60,7 +66,7 @@ struct Spill {
 struct CountOptions {
   int lmin = 1, lmax = 7, opt = 1;  // lengths and fragment type, as the run settings give them
   int threads = 1;                  // workers counting compounds
-  std::size_t spill_limit = std::size_t{64} << 20;  // entry bytes held in memory
+  std::size_t spill_limit = std::size_t{32} << 20;  // entry bytes held in memory
   std::string spill_directory = ".";
   bool progress = false;            // the progress line on a terminal's standard error
 };
@@ -98,6 +104,7 @@ void number_forms(const CountedRun& run, const RunSettings& settings, const Labe
 struct RowReader {
   const CountedRun* run = nullptr;
   std::vector<std::uint8_t> buffer;
+  const std::uint8_t* memory_block = nullptr;  // the spill's block being read, when in memory
   std::size_t at = 0, end = 0;
   std::uint64_t left = 0;  // bytes not yet in the buffer
 };
@@ -112,5 +119,5 @@ int threads_to_use();
 
 // The bytes of compound entries a run holds in memory before the rest goes to
 // a temporary file: TAVRIX_SPILL_MB megabytes when set (a whole number, 0
-// for none; anything else ends the run with a message), else 64 MB.
+// for none; anything else ends the run with a message), else 32 MB.
 std::size_t spill_limit_to_use();

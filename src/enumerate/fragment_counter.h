@@ -62,11 +62,16 @@ class FragmentCounter {
   // About what the memo holds, in bytes: it grows with the distinct
   // fragments met, and a caller that bounds memory starts a new counter.
   std::size_t memo_bytes() const {
-    return memo_.arrays.capacity() * sizeof(int) + memo_.forms.capacity() * (sizeof(FragmentForm) + 24) +
-           memo_.pool.capacity() * sizeof(StepBucket) + memo_.labelled_bytes * 2 + memo_.orders.capacity() +
-           memo_.long_moves.capacity() + memo_.form_bucket.capacity() * sizeof(FormBucket);
+    const FragmentMemo& m = memo_;
+    // Per form: its record, the side arrays and the table state numbering keeps.
+    const std::size_t per_form = sizeof(FragmentForm) + sizeof(FormHot) + sizeof(std::uint32_t) + 1 + 2 * sizeof(int) +
+                                 3 * sizeof(int);
+    // A remembered fragment graph: its key string on the heap and a hash node.
+    const std::size_t per_graph = 96;
+    return m.arrays.capacity() * sizeof(int) + m.forms.capacity() * per_form +
+           m.pool.capacity() * sizeof(StepBucket) + m.labelled_bytes + m.labelled.size() * per_graph +
+           m.orders.capacity() + m.long_moves.capacity() + m.form_bucket.capacity() * sizeof(FormBucket);
   }
-
  private:
   void visit(int n);
   void include(int n, int s);
