@@ -138,16 +138,14 @@ Space read_fitted_space(const std::string& structures) {
 Rows apply(const Space& s, const RunSettings& settings, const std::string& name, const std::optional<std::string>& text) {
   RaiseFailures raise;
   const CompoundInput input = read_input(settings, name, text);
-  std::vector<DescriptorPairs> found;
-  ApplySummary summary;
-  apply_space(s.space, input, found, summary);
   Rows rows;
   std::vector<std::pair<int, int>> pairs;
-  for (const DescriptorPairs& row : found) {
+  ApplySummary summary;
+  apply_space(s.space, input, 1, [&](int, const DescriptorPairs& row) {
     pairs.clear();
     for (const auto& [number, count] : row) pairs.emplace_back(number - 1, count);
     add_row(pairs, rows);
-  }
+  }, summary);
   return rows;
 }
 
