@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "common/common.h"
-#include "driver/descriptor_run.h"
+#include "count/count.h"
 #include "input/input.h"
 #include "settings/settings.h"
 #include "space/space.h"
@@ -103,22 +103,34 @@ class MemoryStream {
   std::FILE* stream_;
 };
 
-FitResult fit(const RunSettings& settings, const std::string& name, const std::optional<std::string>& text) {
+// Counting, numbering and rows as the program's run has them: the compounds
+// read one at a time, counted on `threads` workers, their entries past the
+// program's bound in memory spilled to an unlinked file in spill_directory.
+FitResult fit(const RunSettings& settings, const std::string& name, const std::optional<std::string>& text,
+              int threads, const std::string& spill_directory) {
   RaiseFailures raise;
-  const CompoundInput input = read_input(settings, name, text);
+  CompoundStream input;
+  open_compounds_in_memory(settings, InputSource{name, text ? &*text : nullptr}, input);
+  CountOptions options;
+  options.lmin = settings.lmin;
+  options.lmax = settings.lmax;
+  options.opt = settings.opt;
+  options.threads = threads;
+  options.spill_directory = spill_directory;
+  CountedRun counted;
+  count_compounds(input, options, counted);
   MemoryStream structure;
-  DescriptorRun run;
-  run_descriptors(settings, input, RunOutputs{false, false, structure.get()}, run);
+  Numbering numbering;
+  number_forms(counted, settings, input.dictionary, false, structure.get(), "the structure records", numbering);
   FitResult result;
   result.structures = structure.take();
-  result.descriptors = run.descriptors;
-  std::vector<std::pair<int, int>> pairs;
-  for (std::size_t compid = 0; compid < input.compounds.size(); ++compid) {
-    pairs.clear();
-    const std::vector<Occurrence>& list = run.table.csr[compid];
-    const int size = run.table.csrcount[compid].size;
-    for (int p = 0; p < size; ++p)
-      if (const int number = run.idmap[list[p].id]; number != -1) pairs.emplace_back(number - 1, list[p].count);
+  result.descriptors = numbering.descriptors;
+  RowReader reader;
+  start_rows(counted, reader);
+  std::string compound;
+  DescriptorPairs pairs;
+  while (next_row(reader, numbering, compound, pairs)) {
+    for (auto& pair : pairs) --pair.first;
     add_row(pairs, result.rows);
   }
   return result;
@@ -135,19 +147,18 @@ Space read_fitted_space(const std::string& structures) {
   return Space{read_space("fitted descriptor space", structures, true)};
 }
 
-Rows apply(const Space& s, const RunSettings& settings, const std::string& name, const std::optional<std::string>& text) {
+Rows apply(const Space& s, const RunSettings& settings, const std::string& name, const std::optional<std::string>& text,
+           int threads) {
   RaiseFailures raise;
   const CompoundInput input = read_input(settings, name, text);
-  std::vector<DescriptorPairs> found;
-  ApplySummary summary;
-  apply_space(s.space, input, found, summary);
   Rows rows;
   std::vector<std::pair<int, int>> pairs;
-  for (const DescriptorPairs& row : found) {
+  ApplySummary summary;
+  apply_space(s.space, input, threads, [&](int, const DescriptorPairs& row) {
     pairs.clear();
     for (const auto& [number, count] : row) pairs.emplace_back(number - 1, count);
     add_row(pairs, rows);
-  }
+  }, summary);
   return rows;
 }
 
@@ -171,19 +182,23 @@ PYBIND11_MODULE(_core, m) {
   m.def(
       "fit",
       [](const std::string& name, std::optional<std::string> text, bool mol2, const std::string& ds, int lmin,
-         int lmax, int fmin, bool atom_labels, bool bond_labels) {
+         int lmax, int fmin, bool atom_labels, bool bond_labels, int threads, const std::string& spill_directory) {
         const RunSettings settings = make_settings(ds, lmin, lmax, fmin, atom_labels, bond_labels, mol2);
         FitResult result;
         {
           py::gil_scoped_release release;
-          result = fit(settings, name, text);
+          result = fit(settings, name, text, threads, spill_directory);
         }
         return py::make_tuple(py::bytes(result.structures), to_python(result.rows, result.descriptors));
       },
       py::arg("name"), py::arg("text"), py::arg("mol2"), py::arg("ds"), py::arg("lmin"), py::arg("lmax"),
-      py::arg("fmin"), py::arg("atom_labels"), py::arg("bond_labels"),
-      "Counts the compounds of the file name (or of text) as a run would: returns the structure records and "
-      "(indptr, indices, data, rows, columns) of the count matrix.");
+      py::arg("fmin"), py::arg("atom_labels"), py::arg("bond_labels"), py::arg("threads"),
+      py::arg("spill_directory"),
+      "Counts the compounds of the file name (or of text) on threads threads as a run would: returns the "
+      "structure records and (indptr, indices, data, rows, columns) of the count matrix.");
+
+  m.def("processors_available", &processors_available,
+        "The processors this process may run on (CPU affinity and cgroup quota).");
 
   py::class_<Space>(m, "Space")
       .def(py::init([](const py::bytes& structures) {
@@ -223,16 +238,16 @@ PYBIND11_MODULE(_core, m) {
       .def(
           "apply",
           [](const Space& s, const std::string& name, std::optional<std::string> text, bool mol2,
-             const std::string& ds, int lmin, int lmax, int fmin, bool atom_labels, bool bond_labels) {
+             const std::string& ds, int lmin, int lmax, int fmin, bool atom_labels, bool bond_labels, int threads) {
             const RunSettings settings = make_settings(ds, lmin, lmax, fmin, atom_labels, bond_labels, mol2);
             Rows rows;
             {
               py::gil_scoped_release release;
-              rows = apply(s, settings, name, text);
+              rows = apply(s, settings, name, text, threads);
             }
             return to_python(rows, static_cast<long long>(s.space.fragments.size()));
           },
           py::arg("name"), py::arg("text"), py::arg("mol2"), py::arg("ds"), py::arg("lmin"), py::arg("lmax"),
-          py::arg("fmin"), py::arg("atom_labels"), py::arg("bond_labels"),
-          "Counts the space's descriptors in the compounds of the file name (or of text).");
+          py::arg("fmin"), py::arg("atom_labels"), py::arg("bond_labels"), py::arg("threads"),
+          "Counts the space's descriptors in the compounds of the file name (or of text) on threads threads.");
 }

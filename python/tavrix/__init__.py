@@ -8,6 +8,7 @@ row per compound, column j for descriptor j + 1.
 """
 
 import os
+import tempfile
 
 import numpy as np
 import scipy.sparse
@@ -143,16 +144,22 @@ class FragmentDescriptors(TransformerMixin, BaseEstimator):
     bond_labels : bool
         False: every bond gets the same label (``-NoBndLabels``).
     n_jobs : int or None
-        Accepted and kept for scikit-learn's conventions; counting runs on
-        one thread per call for now (without the GIL, so calls from several
-        Python threads do run at once).
+        Threads that count compounds in fit, fit_transform and transform, by
+        scikit-learn's convention: None for one, -1 for every processor this
+        process may run on, k > 0 for k (up to 1024). The matrices and
+        structures_ are the same for every value. Calls run without the GIL,
+        so calls from several Python threads run at once too.
 
     Inputs: the path of an SD or Mol2 file (str or pathlib.Path; Mol2 when
     the character after the first '.' of the name is a lower-case 'm'), SD
     text (a str that is not an existing path and holds a line feed), or a
     list of RDKit molecules or SMILES strings (passed on as V2000 Kekulé
-    molblocks with the hydrogens the molecule holds). Nothing is written to
-    disk.
+    molblocks with the hydrogens the molecule holds).
+
+    Memory: fit keeps the compounds' fragment counts in memory up to 64 MB,
+    as the program does, and the rest in a temporary file in
+    tempfile.gettempdir() that has no name from the moment it is made, so
+    nothing is left on disk however the call ends. Nothing else is written.
 
     Attributes after fit: ``structures_`` (the structure record of each
     descriptor, as the program's structure file holds it), ``mol2_``
@@ -179,6 +186,15 @@ class FragmentDescriptors(TransformerMixin, BaseEstimator):
         return dict(ds=self.ds, lmin=int(self.lmin), lmax=int(self.lmax), fmin=int(self.fmin),
                     atom_labels=bool(self.atom_labels), bond_labels=bool(self.bond_labels))
 
+    def _threads(self):
+        n_jobs = self.n_jobs
+        if n_jobs is None:
+            return 1
+        if isinstance(n_jobs, bool) or not isinstance(n_jobs, (int, np.integer)) or not (
+                n_jobs == -1 or 1 <= n_jobs <= 1024):
+            raise ValueError(f"n_jobs must be None, -1 or an integer from 1 to 1024, not {n_jobs!r}")
+        return _core.processors_available() if n_jobs == -1 else int(n_jobs)
+
     def fit(self, X, y=None):
         """Finds the descriptors of the compounds X."""
         self.fit_transform(X)
@@ -187,8 +203,10 @@ class FragmentDescriptors(TransformerMixin, BaseEstimator):
     def fit_transform(self, X, y=None):
         """Finds the descriptors of X and returns X's count matrix, as a run's descriptor file gives it."""
         settings = self._settings()
+        threads = self._threads()
         name, text, mol2 = _source(X)
-        structures, result = _core.fit(name, text, mol2, **settings)
+        structures, result = _core.fit(name, text, mol2, **settings, threads=threads,
+                                       spill_directory=tempfile.gettempdir())
         space = _core.Space(structures)
         self.structures_ = [r.decode("utf-8", "surrogateescape") for r in space.records]
         self.mol2_ = mol2
@@ -211,12 +229,13 @@ class FragmentDescriptors(TransformerMixin, BaseEstimator):
     def transform(self, X):
         """Counts the fitted descriptors in the compounds X: one row per compound."""
         self._check_fitted()
+        threads = self._threads()
         name, text, mol2 = _source(X)
         if mol2 != self.mol2_:
             fitted, given = ("Mol2", "SD") if self.mol2_ else ("SD", "Mol2")
             raise ValueError(f"the descriptors were fitted on {fitted} input, {name} is {given}: "
                              "their labels cannot match")
-        return _matrix(self._fitted_space().apply(name, text, mol2, **self._fitted_settings))
+        return _matrix(self._fitted_space().apply(name, text, mol2, **self._fitted_settings, threads=threads))
 
     def get_feature_names_out(self, input_features=None):
         """A readable, unique name per descriptor: its fragment as a SMILES-like string.

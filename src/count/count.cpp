@@ -510,9 +510,6 @@ bool next_row(RowReader& rows, const Numbering& numbering, std::string& name, De
   return true;
 }
 
-namespace {
-
-// The processors this process may run on, and what a cgroup quota allows.
 int processors_available() {
   int n = 1;
   cpu_set_t set;
@@ -526,8 +523,6 @@ int processors_available() {
   }
   return n;
 }
-
-}  // namespace
 
 int threads_to_use() {
   const char* text = std::getenv("TAVRIX_THREADS");

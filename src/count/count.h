@@ -111,6 +111,10 @@ struct RowReader {
 void start_rows(CountedRun& run, RowReader& rows);
 bool next_row(RowReader& rows, const Numbering& numbering, std::string& name, DescriptorPairs& pairs);
 
+// The processors this process may run on: its CPU affinity, and a cgroup CPU
+// quota where one is set. The environment plays no part.
+int processors_available();
+
 // The threads a run counts on: TAVRIX_THREADS when set (a positive whole
 // number; anything else ends the run with a message), else the processors
 // this process may run on (its CPU affinity, and a cgroup CPU quota where one

@@ -5,7 +5,12 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <new>
 #include <numeric>
+#include <thread>
 #include <unordered_map>
 
 #include "canon/canon.h"
@@ -556,11 +561,174 @@ void SpaceMatcher::match(const Graph& compound, int compid, DescriptorPairs& pai
   }
 }
 
-void apply_space(const DescriptorSpace& space, const CompoundInput& input, std::vector<DescriptorPairs>& rows,
-                 ApplySummary& summary) {
-  SpaceMatcher matcher(space, input.dictionary);
+ApplySummary SpaceMatcher::combined_summary(const std::vector<const SpaceMatcher*>& matchers) {
+  ApplySummary total;
+  if (matchers.empty()) return total;
+  // Each matcher numbers its own forms: the same fragment met by two of them
+  // is found the same by its canonical arrays.
+  FormStore distinct;
+  std::vector<char> found(matchers.front()->found_.size(), 0);
+  for (const SpaceMatcher* m : matchers) {
+    total.compounds += m->summary_.compounds;
+    total.occurrences_matched += m->summary_.occurrences_matched;
+    for (int f = 0; f < static_cast<int>(m->match_.size()); ++f) {
+      if (m->match_[f] < 0) continue;
+      const std::size_t before = distinct.forms.size();
+      find_or_add_form(distinct, m->counter_.form(f));
+      if (distinct.forms.size() == before) continue;
+      ++total.distinct_found;
+      if (m->match_[f] == 0) ++total.distinct_outside;
+    }
+    for (std::size_t d = 0; d < found.size(); ++d) found[d] |= m->found_[d];
+  }
+  total.descriptors_found = std::count(found.begin(), found.end(), 1);
+  return total;
+}
+
+namespace {
+
+// Compounds a worker matches at a time: the hand-over is cheap next to them,
+// and the workers stay evenly busy to the end.
+constexpr int APPLY_BATCH = 32;
+
+struct ApplyBatch {
+  std::vector<DescriptorPairs> rows;
+  bool done = false;
+  bool failed = false;
+  Failure failure;
+  bool out_of_memory = false;
+};
+
+// Workers take batches in input order, no further ahead of the caller than
+// the slots allow; stopped and joined however the caller ends.
+class ApplyPool {
+ public:
+  ApplyPool(const CompoundInput& input, std::vector<std::unique_ptr<SpaceMatcher>>& matchers)
+      : input_(input), slots_(4 * matchers.size()) {
+    const int n = static_cast<int>(input.compounds.size());
+    batches_ = (n + APPLY_BATCH - 1) / APPLY_BATCH;
+    try {
+      for (auto& m : matchers) threads_.emplace_back([this, &m] { serve(*m); });
+    } catch (...) {
+      stop_all();
+      throw;
+    }
+  }
+  ~ApplyPool() { stop_all(); }
+  ApplyPool(const ApplyPool&) = delete;
+  ApplyPool& operator=(const ApplyPool&) = delete;
+
+  int batches() const { return batches_; }
+
+  // Batch b once matched, rethrowing its failure.
+  const std::vector<DescriptorPairs>& wait_for(int b) {
+    ApplyBatch& slot = slots_[b % slots_.size()];
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      ready_.wait(lock, [&slot] { return slot.done; });
+    }
+    if (slot.failed) throw slot.failure;
+    if (slot.out_of_memory) throw std::bad_alloc();
+    return slot.rows;
+  }
+  // Batch b's slot is free for a later batch.
+  void release(int b) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      slots_[b % slots_.size()].done = false;
+      ++released_;
+    }
+    room_.notify_all();
+  }
+
+ private:
+  void serve(SpaceMatcher& matcher) {
+    RaiseFailures raise;
+    const int n = static_cast<int>(input_.compounds.size());
+    for (;;) {
+      int b = 0;
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        room_.wait(lock, [this] {
+          return stop_ || next_ >= batches_ || next_ < released_ + static_cast<int>(slots_.size());
+        });
+        if (stop_ || next_ >= batches_) return;
+        b = next_++;
+      }
+      ApplyBatch& slot = slots_[b % slots_.size()];
+      const int first = b * APPLY_BATCH, last = std::min(n, first + APPLY_BATCH);
+      bool ok = true;
+      try {
+        slot.rows.resize(last - first);
+        for (int c = first; c < last; ++c) matcher.match(input_.compounds[c], c, slot.rows[c - first]);
+      } catch (const Failure& f) {
+        slot.failed = true;
+        slot.failure = f;
+        ok = false;
+      } catch (const std::exception&) {
+        // Only a request too large for the allocator can arrive here.
+        slot.out_of_memory = true;
+        ok = false;
+      }
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        slot.done = true;
+      }
+      ready_.notify_all();
+      // A matcher that failed part way is not to be trusted with more; the
+      // batches before this one were handed out already, so the caller
+      // still gets to this failure.
+      if (!ok) return;
+    }
+  }
+  void stop_all() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stop_ = true;
+    }
+    room_.notify_all();
+    for (std::thread& t : threads_) t.join();
+    threads_.clear();
+  }
+
+  const CompoundInput& input_;
+  std::vector<ApplyBatch> slots_;
+  int batches_ = 0;
+  std::mutex mutex_;
+  std::condition_variable ready_, room_;
+  int next_ = 0;      // the next batch to hand out
+  int released_ = 0;  // batches the caller is done with
+  bool stop_ = false;
+  std::vector<std::thread> threads_;
+};
+
+}  // namespace
+
+void apply_space(const DescriptorSpace& space, const CompoundInput& input, int threads,
+                 const std::function<void(int, const DescriptorPairs&)>& row, ApplySummary& summary) {
   const int n = static_cast<int>(input.compounds.size());
-  rows.assign(n, DescriptorPairs());
-  for (int c = 0; c < n; ++c) matcher.match(input.compounds[c], c, rows[c]);
-  summary = matcher.summary();
+  // No more threads than batches.
+  threads = std::clamp(threads, 1, std::max(1, (n + APPLY_BATCH - 1) / APPLY_BATCH));
+  std::vector<std::unique_ptr<SpaceMatcher>> matchers;
+  for (int t = 0; t < threads; ++t) matchers.push_back(std::make_unique<SpaceMatcher>(space, input.dictionary));
+  if (threads == 1) {
+    DescriptorPairs pairs;
+    for (int c = 0; c < n; ++c) {
+      matchers[0]->match(input.compounds[c], c, pairs);
+      row(c, pairs);
+    }
+    summary = matchers[0]->summary();
+    return;
+  }
+  {
+    ApplyPool pool(input, matchers);
+    for (int b = 0; b < pool.batches(); ++b) {
+      const std::vector<DescriptorPairs>& rows = pool.wait_for(b);
+      for (int k = 0; k < static_cast<int>(rows.size()); ++k) row(b * APPLY_BATCH + k, rows[k]);
+      pool.release(b);
+    }
+  }
+  std::vector<const SpaceMatcher*> all;
+  for (const auto& m : matchers) all.push_back(m.get());
+  summary = SpaceMatcher::combined_summary(all);
 }

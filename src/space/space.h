@@ -14,11 +14,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "count/count.h"
 #include "enumerate/fragment_counter.h"
 #include "input/input.h"
 
@@ -60,10 +62,6 @@ DescriptorSpace read_space_file(const std::string& path, bool keep_text);
 // The text of descriptor d's record (1-based), when the space kept it.
 std::string_view record_text(const DescriptorSpace& space, int d);
 
-// A compound's descriptors: (descriptor number, count) in the order a run
-// lists them, ascending length first, then first occurrence in the compound.
-using DescriptorPairs = std::vector<std::pair<int, int>>;
-
 struct ApplySummary {
   long long compounds = 0;
   long long occurrences_matched = 0;  // fragment occurrences counted for a descriptor
@@ -74,6 +72,7 @@ struct ApplySummary {
 
 // Finds a space's descriptors in compounds read with one label dictionary,
 // one compound after the other (only the fragments met so far are kept).
+// A matcher is for one thread; several may share the space and dictionary.
 class SpaceMatcher {
  public:
   SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& dict);
@@ -82,6 +81,10 @@ class SpaceMatcher {
   // once.
   void match(const Graph& compound, int compid, DescriptorPairs& pairs);
   const ApplySummary& summary() const { return summary_; }
+  // The summary of matchers that shared out one input between them, as one
+  // matcher over all of it would give it: a fragment or descriptor that
+  // several met counts once.
+  static ApplySummary combined_summary(const std::vector<const SpaceMatcher*>& matchers);
 
  private:
   int lookup(int form);
@@ -98,7 +101,11 @@ class SpaceMatcher {
   ApplySummary summary_;
 };
 
-// Every compound of the input through one matcher; rows gets one entry per
-// compound, in input order.
-void apply_space(const DescriptorSpace& space, const CompoundInput& input, std::vector<DescriptorPairs>& rows,
-                 ApplySummary& summary);
+// Every compound of the input, on up to `threads` threads, each with a
+// matcher of its own over batches of compounds; row(c, pairs) is called on
+// the calling thread for compound c, in input order, so what a caller
+// writes does not depend on the threads. A failure (Failure, or an
+// exhausted heap) is thrown on the calling thread after every worker has
+// stopped, the first in input order; so is one thrown by row.
+void apply_space(const DescriptorSpace& space, const CompoundInput& input, int threads,
+                 const std::function<void(int, const DescriptorPairs&)>& row, ApplySummary& summary);

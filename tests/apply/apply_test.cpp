@@ -19,8 +19,9 @@ using namespace testsupport;
 
 const std::string golden_dir = std::string(TAVRIX_TEST_DATA) + "/golden";
 
-RunResult run_apply(const std::vector<std::string>& args, const std::string& cwd) {
-  return run_program(TAVRIX_APPLY_BINARY, args, cwd);
+RunResult run_apply(const std::vector<std::string>& args, const std::string& cwd,
+                    const std::vector<std::string>& env = {}) {
+  return run_program(TAVRIX_APPLY_BINARY, args, cwd, env);
 }
 
 std::vector<std::string> split_words(const std::string& line) {
@@ -68,12 +69,19 @@ TEST(apply, reproduces_the_descriptor_file_of_every_reviewed_run) {
     write_file(work + "/space_frag.sdf", unxz(golden_dir + "/" + name + "/" + stem + "_frag.sdf.xz"));
     apply_args.insert(apply_args.end(), {"-ofile", "applied", "space_frag.sdf", input});
 
-    const RunResult r = run_apply(apply_args, work);
-    EXPECT_EQ(r.status, 0) << name << ": " << r.err;
-    EXPECT_EQ(r.err, "") << name;
-    EXPECT_TRUE(read_file(work + "/applied.out") == unxz(golden_dir + "/" + name + "/" + stem + ".out.xz"))
-        << name << ": applied.out differs from the run's " << stem << ".out";
-    EXPECT_EQ(files_in(work), (std::set<std::string>{input, "space_frag.sdf", "applied.out"})) << name;
+    // One thread and several give the same file and the same summary.
+    std::string summary;
+    for (const std::string threads : {"1", "3"}) {
+      const std::string what = name + " with TAVRIX_THREADS=" + threads;
+      const RunResult r = run_apply(apply_args, work, {"TAVRIX_THREADS=" + threads});
+      EXPECT_EQ(r.status, 0) << what << ": " << r.err;
+      EXPECT_EQ(r.err, "") << what;
+      EXPECT_TRUE(read_file(work + "/applied.out") == unxz(golden_dir + "/" + name + "/" + stem + ".out.xz"))
+          << what << ": applied.out differs from the run's " << stem << ".out";
+      if (summary.empty()) summary = r.out;
+      EXPECT_EQ(r.out, summary) << what << ": the summary differs from one thread's";
+      EXPECT_EQ(files_in(work), (std::set<std::string>{input, "space_frag.sdf", "applied.out"})) << what;
+    }
     remove_tree(work);
   }
   EXPECT_GE(cases, 9);
@@ -175,6 +183,7 @@ TEST(apply, refuses_what_it_cannot_use_with_one_message_and_no_file) {
     std::vector<std::string> args;
     int status;
     std::string err;  // standard error, whole
+    std::vector<std::string> env = {};
   };
   const std::vector<std::string> usual = {"space_frag.sdf", "in.sdf"};
   const std::vector<Case> cases = {
@@ -196,13 +205,15 @@ TEST(apply, refuses_what_it_cannot_use_with_one_message_and_no_file) {
        "in.sdf: compound 1 (methane): bond line 1 names atom 0\n"},
       {"input missing", CC, "-", usual, 1, "can't open a file 'in.sdf'\n"},
       {"one file only", CC, INPUT, {"in.sdf"}, 2, "tavrix-apply: a structure file and an input file are needed\n"},
+      {"thread count refused", CC, INPUT, usual, 1,
+       "TAVRIX_THREADS must be a whole number of threads from 1 to 1024, not '0'\n", {"TAVRIX_THREADS=0"}},
   };
   for (const Case& c : cases) {
     const std::string work = make_temp_dir();
     if (c.space != "-") write_file(work + "/space_frag.sdf", c.space);
     if (c.input != "-") write_file(work + "/in.sdf", c.input);
     const std::set<std::string> before = files_in(work);
-    const RunResult r = run_apply(c.args, work);
+    const RunResult r = run_apply(c.args, work, c.env);
     EXPECT_EQ(r.status, c.status) << c.what;
     EXPECT_EQ(r.err.substr(0, r.err.find('\n') + 1), c.err) << c.what;
     EXPECT_EQ(r.out, "") << c.what;

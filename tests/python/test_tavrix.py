@@ -125,6 +125,18 @@ class GoldenRuns(unittest.TestCase):
         self.assertEqual(sorted((p.name, p.stat().st_mtime_ns) for p in inputs.iterdir()), before,
                          "the input folder changed")
 
+    def test_every_n_jobs_gives_the_golden_matrices(self):
+        case = GOLDEN / "nci200_qz_lmax5"
+        params, name = golden_parameters((case / "command.txt").read_text())
+        structures = read_xz(next(case.glob("*_frag.sdf.xz")))
+        want = parse_out(read_xz(next(case.glob("*.out.xz"))), structures.count("$$$$"))
+        X = Inputs.get() / name
+        for n_jobs in (1, 2, -1):
+            f = tavrix.FragmentDescriptors(**params, n_jobs=n_jobs)
+            assert_same(self, f.fit_transform(X), want, f"fit_transform with n_jobs={n_jobs}")
+            self.assertEqual("".join(f.structures_), structures, f"structures_ with n_jobs={n_jobs}")
+            assert_same(self, f.transform(X), want, f"transform with n_jobs={n_jobs}")
+
     def test_feature_names_read_as_fragments(self):
         f = tavrix.FragmentDescriptors(lmax=3)
         f.fit(SOURCE / "tests/data/example/example.sdf")
@@ -187,6 +199,12 @@ class Errors(unittest.TestCase):
             f.transform("missing.sdf")
         with self.assertRaisesRegex(ValueError, "ds must be one of"):
             tavrix.FragmentDescriptors(ds="XX").fit(self.GOOD)
+        for n_jobs in (0, -2, 1.5, True, 1025):
+            with self.assertRaisesRegex(ValueError, "n_jobs must be"):
+                tavrix.FragmentDescriptors(n_jobs=n_jobs).fit(self.GOOD)
+            with self.assertRaisesRegex(ValueError, "n_jobs must be"):
+                f.set_params(n_jobs=n_jobs).transform(self.GOOD)
+        f.set_params(n_jobs=None)
         assert_same(self, f.transform(self.GOOD), want, "transform after the failures")
         assert_same(self, f.fit_transform(self.GOOD), want, "fit_transform after the failures")
 

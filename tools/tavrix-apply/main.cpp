@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "common/common.h"
+#include "count/count.h"
 #include "input/input.h"
 #include "settings/settings.h"
 #include "space/space.h"
@@ -47,7 +48,8 @@ int usage_error(const std::string& message) {
 // only once complete, so a failure leaves no partial file (and an older file
 // of that name as it was).
 // Each compound's line is written as soon as its descriptors are known.
-ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpace& space, const CompoundInput& input) {
+ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpace& space, const CompoundInput& input,
+                                   int threads) {
   std::string temporary = path + ".XXXXXX";
   const int fd = mkstemp(temporary.data());
   if (fd < 0) fatal_error(format_text("can't open a file '%s'\n", path.c_str()));
@@ -61,13 +63,12 @@ ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpac
   std::vector<char> buffer(1 << 20);
   FilePtr out(f);
   std::setvbuf(f, buffer.data(), _IOFBF, buffer.size());
-  SpaceMatcher matcher(space, input.dictionary);
-  DescriptorPairs pairs;
   std::vector<char> line;
+  ApplySummary summary;
   try {
     RaiseFailures raise;
-    for (std::size_t c = 0; c < input.compounds.size(); ++c) {
-      matcher.match(input.compounds[c], static_cast<int>(c), pairs);
+    // The lines come back in input order whatever the threads.
+    apply_space(space, input, threads, [&](int c, const DescriptorPairs& pairs) {
       // As Tavrix writes its lines: the name as "%s" would (up to a NUL
       // byte), then the numbers, each of at most 11 characters.
       const std::string& name = input.compound_names[c];
@@ -87,7 +88,7 @@ ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpac
       }
       *at++ = '\n';
       std::fwrite(line.data(), 1, static_cast<std::size_t>(at - line.data()), f);
-    }
+    }, summary);
     close_written(out, path);
   } catch (...) {
     unlink(temporary.c_str());
@@ -97,7 +98,7 @@ ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpac
     unlink(temporary.c_str());
     fatal_error(format_text("can't write a file '%s': %s\n", path.c_str(), std::strerror(errno)));
   }
-  return matcher.summary();
+  return summary;
 }
 
 // The compounds, refused with the messages of Tavrix's own readers; those
@@ -114,10 +115,12 @@ CompoundInput read_input(const RunSettings& settings) {
 }
 
 int apply_and_report(const RunSettings& settings, const std::string& structure_file) {
+  // TAVRIX_THREADS is checked before any file is read.
+  const int threads = threads_to_use();
   const DescriptorSpace space = read_space_file(structure_file, false);
   const CompoundInput input = read_input(settings);
   const std::string out = settings.outfstem + ".out";
-  const ApplySummary summary = write_descriptor_file(out, space, input);
+  const ApplySummary summary = write_descriptor_file(out, space, input, threads);
 
   std::printf("compounds read: %lld\n", summary.compounds);
   if (space.fragments.empty())
