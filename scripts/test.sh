@@ -65,8 +65,8 @@ ctest --test-dir "$root/build/test-sanitize" -j"$jobs" --output-on-failure -E '_
 
 echo "=== the runs on several threads with ThreadSanitizer"
 cmake -S "$root" -B "$root/build/test-threads" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVRIX_THREAD_SANITIZE=ON >/dev/null
-cmake --build "$root/build/test-threads" -j"$jobs" --target test_count test_golden
+cmake --build "$root/build/test-threads" -j"$jobs" --target test_count test_golden test_apply
 # A race reported in a run makes it end with ThreadSanitizer's own status,
 # which fails the test that made it.
 TSAN_OPTIONS="halt_on_error=1" ctest --test-dir "$root/build/test-threads" -j"$jobs" --output-on-failure \
-  -R '^(threads|public_files/golden_run)\.'
+  -R '^(threads|public_files/golden_run|apply)\.'

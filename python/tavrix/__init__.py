@@ -156,7 +156,7 @@ class FragmentDescriptors(TransformerMixin, BaseEstimator):
     list of RDKit molecules or SMILES strings (passed on as V2000 Kekulé
     molblocks with the hydrogens the molecule holds).
 
-    Memory: fit keeps the compounds' fragment counts in memory up to 64 MB,
+    Memory: fit keeps the compounds' fragment counts in memory up to 32 MB,
     as the program does, and the rest in a temporary file in
     tempfile.gettempdir() that has no name from the moment it is made, so
     nothing is left on disk however the call ends. Nothing else is written.

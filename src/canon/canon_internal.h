@@ -72,7 +72,6 @@ struct SaveArea {
 void prepare_scratch(int n);
 CanonState& working_state();
 CanonState& best_state();
-int scratch_capacity();
 
 // Save areas of the individualization search come off one stack made with
 // the scratch records (3 x vs integers per level, at most capacity levels),

@@ -48,7 +48,6 @@ void prepare_scratch(int n) {
 
 CanonState& working_state() { return working; }
 CanonState& best_state() { return best; }
-int scratch_capacity() { return capacity; }
 
 SaveArea take_save_area(int vs) {
   TAVRIX_CHECK(save_top + 3 * vs <= static_cast<int>(save_stack.size()));

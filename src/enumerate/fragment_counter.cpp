@@ -72,7 +72,6 @@ bool same_form(const GraphView& a, const GraphView& b) {
 }  // namespace
 
 FragmentCounter::FragmentCounter(int lmin, int lmax, int opt) : lmin_(lmin), lmax_(lmax), opt_(opt) {
-  create_occupancy(numbers_.occupancy);
   // Room for the forms and steps of a thousand compounds or so, which spares
   // the first copies of doubling. Unused room still counts against an
   // address-space limit (ulimit -v), so it stays at a few megabytes: larger
@@ -87,17 +86,6 @@ GraphView FragmentCounter::form(int f) const {
   const int* v = vl + form.vs;
   const int* e = v + form.vs + 1;
   return GraphView{form.vs, form.es, form.key, v, e, e + form.es, vl};
-}
-
-void FragmentCounter::prefetch_form(int f, bool arrays) const {
-  const FragmentForm& form = memo_.forms[f];
-  if (!arrays) {
-    __builtin_prefetch(&form);
-    return;
-  }
-  const char* start = reinterpret_cast<const char*>(memo_.arrays.data() + form.at);
-  const std::size_t bytes = sizeof(int) * (2 * static_cast<std::size_t>(form.vs) + 1 + 2 * form.es);
-  for (std::size_t offset = 0; offset < bytes; offset += 64) __builtin_prefetch(start + offset);
 }
 
 int FragmentCounter::find_or_add_form(const GraphView& g) {
@@ -128,9 +116,6 @@ int FragmentCounter::find_or_add_form(const GraphView& g) {
   m.branching.push_back(branching);
   m.last_compound.push_back(-1);
   m.last_position.push_back(0);
-  numbers_.slot.push_back(-1);
-  numbers_.id.push_back(-1);
-  numbers_.support.push_back(0);
   m.form_bucket[b] = FormBucket{tag, f};
   if (2 * m.forms.size() > m.form_bucket.size()) {
     m.form_bucket.assign(2 * m.form_bucket.size(), FormBucket{});
@@ -515,41 +500,4 @@ void FragmentCounter::label_graph(int n, int* child) {
   grown_[n] = stable;
   if (stable)
     for (int k = 0; k < fragment_.vs; ++k) child[k] = vertices_[fragment_.vid[k]];
-}
-
-std::vector<int> FragmentCounter::number_length(FragmentTable& table, int threshold) {
-  std::vector<std::pair<int, int>> placed;  // (slot, form)
-  const int n = static_cast<int>(table.csr.size());
-  for (int c = 0; c < n; ++c) {
-    std::vector<Occurrence>& list = table.csr[c];
-    int p = table.csrcount[c].offset;
-    const int size = table.csrcount[c].size;
-    for (; p < size; ++p) {
-      // Entries ahead still hold forms (this length's or a longer one's),
-      // whose records lie anywhere.
-      if (p + 8 < size) {
-        __builtin_prefetch(&memo_.forms[list[p + 8].id]);
-        __builtin_prefetch(&numbers_.id[list[p + 8].id]);
-      }
-      const int f = list[p].id;
-      if (memo_.forms[f].vs != threshold + 1) break;
-      // A compound lists a form at most once per length: every entry is a
-      // first occurrence in its compound.
-      if (numbers_.id[f] < 0) {
-        numbers_.slot[f] = claim_slot(numbers_.occupancy, memo_.forms[f].key);
-        numbers_.id[f] = ++table.total;
-        numbers_.support[f] = 1;
-        placed.emplace_back(numbers_.slot[f], f);
-      } else {
-        ++numbers_.support[f];
-      }
-      list[p].id = numbers_.id[f];
-    }
-    table.csrcount[c].offset = p;
-  }
-  std::sort(placed.begin(), placed.end());
-  std::vector<int> forms;
-  forms.reserve(placed.size());
-  for (const auto& [slot, f] : placed) forms.push_back(f);
-  return forms;
 }

@@ -7,8 +7,8 @@
 // yields every length's fragments in the order the length-by-length run
 // meets them: for each compound and length, its distinct forms in order of
 // first occurrence with their counts. Numbering a length afterwards, compound
-// by compound in that order, issues ids, support and slots exactly as
-// inserting every fragment into the table one by one does.
+// by compound in that order (src/count), issues ids, support and slots
+// exactly as inserting every fragment into the table one by one does.
 #pragma once
 
 #include <vector>
@@ -19,14 +19,6 @@
 #include "graph/graph.h"
 #include "table/table.h"
 
-// Table state of each form once its length has been numbered.
-struct FormNumbers {
-  SlotOccupancy occupancy;
-  std::vector<int> slot;     // -1 until numbered
-  std::vector<int> id;       // the fragment id, -1 until numbered
-  std::vector<int> support;  // compounds holding the fragment
-};
-
 class FragmentCounter {
  public:
   // Lengths lmin..lmax (lengths below 1 hold nothing); opt is the fragment
@@ -36,23 +28,12 @@ class FragmentCounter {
 
   // Appends the compound's entries for every length from lmin to lmax, in
   // ascending length, each length's distinct forms in order of first
-  // occurrence in the compound; Occurrence::id holds the form index until
-  // number_length turns it into the fragment id.
+  // occurrence in the compound, as (form index, count); forms are numbered
+  // in the order this counter first met them.
   void count_compound(const Graph& compound, int compid, std::vector<Occurrence>& entries);
-
-  // Numbers the forms of length `threshold`: walks every compound's entries
-  // of that length (from csrcount[c].offset, which it moves past them), gives
-  // each form met for the first time the next id (table.total) and the slot
-  // the table would store it in, counts support, and writes the ids into the
-  // entries. Returns the forms of the length in ascending slot order.
-  std::vector<int> number_length(FragmentTable& table, int threshold);
 
   // The canonical form f; valid until the next compound is counted.
   GraphView form(int f) const;
-  // Asks the processor to fetch form f's record, or (arrays) its arrays, ahead
-  // of their use: forms are written in slot order, far from where they lie.
-  void prefetch_form(int f, bool arrays) const;
-  const FormNumbers& numbers() const { return numbers_; }
   // Fragments found (occurrences counted) so far, for progress reports.
   long long fragments() const { return fragments_; }
   // The longest length with a fragment counted so far (0 for none).
@@ -63,9 +44,8 @@ class FragmentCounter {
   // fragments met, and a caller that bounds memory starts a new counter.
   std::size_t memo_bytes() const {
     const FragmentMemo& m = memo_;
-    // Per form: its record, the side arrays and the table state numbering keeps.
-    const std::size_t per_form = sizeof(FragmentForm) + sizeof(FormHot) + sizeof(std::uint32_t) + 1 + 2 * sizeof(int) +
-                                 3 * sizeof(int);
+    // Per form: its record and the side arrays.
+    const std::size_t per_form = sizeof(FragmentForm) + sizeof(FormHot) + sizeof(std::uint32_t) + 1 + 2 * sizeof(int);
     // A remembered fragment graph: its key string on the heap and a hash node.
     const std::size_t per_graph = 96;
     return m.arrays.capacity() * sizeof(int) + m.forms.capacity() * per_form +
@@ -89,7 +69,6 @@ class FragmentCounter {
 
   int lmin_, lmax_, opt_;
   FragmentMemo memo_;
-  FormNumbers numbers_;
   long long fragments_ = 0;
   int longest_ = 0;
 
