@@ -435,9 +435,8 @@ void number_forms(const CountedRun& run, const RunSettings& settings, const Labe
       if (run.support[f] < settings.fmin) continue;
       numbering.descriptor[f] = ++numbering.descriptors;
       if (structure == nullptr) continue;
-      const HashEntry entry{1, run.support[f], numbering.id[f], -1};
-      if (settings.mol2input) write_mol2_fragment(entry, form_view(run.store, f), dict, structure);
-      else write_sd_fragment(entry, form_view(run.store, f), dict, structure);
+      if (settings.mol2input) write_mol2_fragment(numbering.id[f], form_view(run.store, f), dict, structure);
+      else write_sd_fragment(numbering.id[f], form_view(run.store, f), dict, structure);
     }
     // A lost write is reported with the length it belongs to.
     if (structure != nullptr) check_written(structure, structure_name);

@@ -9,22 +9,17 @@
 #include "common/common.h"
 #include "count/count.h"
 #include "graph/graph.h"
-#include "table/table.h"
 
-// One SD record (or Mol2 record) for the fragment g stored in slot.
-void write_sd_fragment(const HashEntry& slot, const GraphView& g, const LabelDictionary& dict, std::FILE* stream);
-void write_mol2_fragment(const HashEntry& slot, const GraphView& g, const LabelDictionary& dict, std::FILE* stream);
-inline void write_sd_fragment(const HashEntry& slot, const Graph& g, const LabelDictionary& dict, std::FILE* stream) {
-  write_sd_fragment(slot, view_of(g), dict, stream);
+// One SD record (or Mol2 record) for the fragment g, its name line the
+// fragment's id.
+void write_sd_fragment(int id, const GraphView& g, const LabelDictionary& dict, std::FILE* stream);
+void write_mol2_fragment(int id, const GraphView& g, const LabelDictionary& dict, std::FILE* stream);
+inline void write_sd_fragment(int id, const Graph& g, const LabelDictionary& dict, std::FILE* stream) {
+  write_sd_fragment(id, view_of(g), dict, stream);
 }
-inline void write_mol2_fragment(const HashEntry& slot, const Graph& g, const LabelDictionary& dict, std::FILE* stream) {
-  write_mol2_fragment(slot, view_of(g), dict, stream);
+inline void write_mol2_fragment(int id, const Graph& g, const LabelDictionary& dict, std::FILE* stream) {
+  write_mol2_fragment(id, view_of(g), dict, stream);
 }
-
-// Writes outfstem + ".out": one line per compound with its descriptor numbers
-// (idmap of each occurrence id, -1 for none) and counts.
-void write_descriptor_file(const std::string& outfstem, const FragmentTable& table, const std::vector<int>& idmap,
-                           const std::vector<std::string>& compound_names);
 
 // Writes outfstem + ".out" from the counted compounds: one line per compound
 // with its descriptor numbers and counts.

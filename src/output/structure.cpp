@@ -93,9 +93,9 @@ void flush_record(std::FILE* out) { std::fwrite(record.data(), 1, record.size(),
 
 }  // namespace
 
-void write_sd_fragment(const HashEntry& slot, const GraphView& g, const LabelDictionary& dict, std::FILE* out) {
+void write_sd_fragment(int id, const GraphView& g, const LabelDictionary& dict, std::FILE* out) {
   record.clear();
-  put_int(slot.id, 0);
+  put_int(id, 0);
   put("\n  QZ                2D\n\n");
   put_int(g.vs, 3);
   put_int(g.es / 2, 3);
@@ -112,10 +112,10 @@ void write_sd_fragment(const HashEntry& slot, const GraphView& g, const LabelDic
   flush_record(out);
 }
 
-void write_mol2_fragment(const HashEntry& slot, const GraphView& g, const LabelDictionary& dict, std::FILE* out) {
+void write_mol2_fragment(int id, const GraphView& g, const LabelDictionary& dict, std::FILE* out) {
   record.clear();
   put("@<TRIPOS>MOLECULE\n");
-  put_int(slot.id, 0);
+  put_int(id, 0);
   put("\n");
   put_int(g.vs, 3);
   put_int(g.es / 2, 3);

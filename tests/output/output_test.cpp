@@ -47,10 +47,8 @@ std::string written(Write write) {
 // never write: three-letter symbols and SD bond types 3 and 4 side by side.
 TEST(write_sd_fragment, pads_labels_to_three_columns_and_writes_bond_types) {
   const LabelDictionary d = dictionary({"-", "=", "#", "~"}, {"Cl", "C", "Uuo"});
-  HashEntry slot;
-  slot.id = 3;
   const Graph g = star({1, 0, 2, 1}, {0, 2, 3});  // "#", "=", "~"
-  const std::string rec = written([&](std::FILE* f) { write_sd_fragment(slot, g, d, f); });
+  const std::string rec = written([&](std::FILE* f) { write_sd_fragment(3, g, d, f); });
   EXPECT_NE(rec.find("0.0000 C   0"), std::string::npos);
   EXPECT_NE(rec.find("0.0000 Cl  0"), std::string::npos);
   EXPECT_NE(rec.find("0.0000 Uuo 0"), std::string::npos);
@@ -62,25 +60,9 @@ TEST(write_sd_fragment, bond_labels_that_disagree_end_the_run) {
   const LabelDictionary d = dictionary({"-", "=", "#", "~"}, {"C"});
   Graph g = star({0, 0}, {1});
   g.el[1] = 2;
-  HashEntry slot;
   std::FILE* f = std::tmpfile();
-  EXPECT_EXIT_WITH_OUTPUT(write_sd_fragment(slot, g, d, f), 1, "problem with the graph\n$");
+  EXPECT_EXIT_WITH_OUTPUT(write_sd_fragment(1, g, d, f), 1, "problem with the graph\n$");
   std::fclose(f);
-}
-
-TEST(write_descriptor_file, lists_descriptors_in_occurrence_order) {
-  FragmentTable table;
-  table.csr = {{{7, 3}, {8, 2}, {2, 1}}, {}, {{8, 5}}};
-  table.csrcount = {{3, 100, 3}, {0, 100, 0}, {1, 100, 1}};
-  std::vector<int> idmap(10, -1);
-  idmap[7] = 4;
-  idmap[2] = 1;
-  const std::string dir = make_temp_dir();
-  testing::internal::CaptureStdout();
-  write_descriptor_file(dir + "/run", table, idmap, {"name", "c17", "3"});
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Descriptors generated : writing id and frequency files\n");
-  EXPECT_EQ(read_file(dir + "/run.out"), "\"name\",2,4,3,1,1\n\"c17\",0\n\"3\",0\n");
-  remove_tree(dir);
 }
 
 }  // namespace
