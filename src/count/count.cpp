@@ -59,7 +59,7 @@ void rehash(FormStore& store, std::size_t size) {
   store.buckets.assign(size, -1);
   const std::size_t mask = size - 1;
   for (int f = 0; f < static_cast<int>(store.forms.size()); ++f) {
-    std::size_t b = arrays_hash(form_view(store, f)) & mask;
+    std::size_t b = store.hashes[f] & mask;
     while (store.buckets[b] >= 0) b = (b + 1) & mask;
     store.buckets[b] = f;
   }
@@ -112,10 +112,14 @@ void spill_append(Spill& s, const std::vector<std::uint8_t>& bytes) {
     s.size += bytes.size();
     return;
   }
-  for (std::uint8_t byte : bytes) {
-    if ((s.size & (SPILL_BLOCK - 1)) == 0) s.blocks.push_back(std::make_unique<std::uint8_t[]>(SPILL_BLOCK));
-    s.blocks.back()[s.size & (SPILL_BLOCK - 1)] = byte;
-    ++s.size;
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const std::size_t offset = static_cast<std::size_t>(s.size & (SPILL_BLOCK - 1));
+    if (offset == 0) s.blocks.push_back(std::make_unique_for_overwrite<std::uint8_t[]>(SPILL_BLOCK));
+    const std::size_t n = std::min(bytes.size() - done, SPILL_BLOCK - offset);
+    std::memcpy(s.blocks.back().get() + offset, bytes.data() + done, n);
+    done += n;
+    s.size += n;
   }
 }
 
@@ -362,7 +366,8 @@ void count_all(CompoundStream& input, const CountOptions& o, CountedRun& run) {
 int find_or_add_form(FormStore& store, const GraphView& g) {
   if (store.buckets.empty()) rehash(store, 1 << 12);
   std::size_t mask = store.buckets.size() - 1;
-  for (std::size_t b = arrays_hash(g) & mask;; b = (b + 1) & mask) {
+  const std::uint64_t hash = arrays_hash(g);
+  for (std::size_t b = hash & mask;; b = (b + 1) & mask) {
     const int f = store.buckets[b];
     if (f < 0) {
       const int added = static_cast<int>(store.forms.size());
@@ -371,7 +376,7 @@ int find_or_add_form(FormStore& store, const GraphView& g) {
       // A form that would straddle the end of a chunk starts the next one.
       if ((store.end & (chunk - 1)) + size > chunk || store.end == chunk * store.chunks.size()) {
         store.end = chunk * store.chunks.size();
-        store.chunks.push_back(std::make_unique<int[]>(chunk));
+        store.chunks.push_back(std::make_unique_for_overwrite<int[]>(chunk));
       }
       int* at = &store.chunks[store.end >> FORM_CHUNK_BITS][store.end & (chunk - 1)];
       at = std::copy(g.vl, g.vl + g.vs, at);
@@ -379,12 +384,13 @@ int find_or_add_form(FormStore& store, const GraphView& g) {
       at = std::copy(g.e, g.e + g.es, at);
       std::copy(g.el, g.el + g.es, at);
       store.forms.push_back(StoredForm{store.end, g.vs, g.es, g.key});
+      store.hashes.push_back(hash);
       store.end += size;
       store.buckets[b] = added;
       if (2 * store.forms.size() > store.buckets.size()) rehash(store, 2 * store.buckets.size());
       return added;
     }
-    if (same_arrays(form_view(store, f), g)) return f;
+    if (store.hashes[f] == hash && same_arrays(form_view(store, f), g)) return f;
   }
 }
 

@@ -43,6 +43,7 @@ struct FormStore {
   std::vector<std::unique_ptr<int[]>> chunks;  // 1 << FORM_CHUNK_BITS ints each
   std::uint64_t end = 0;                       // where the next form's arrays go
   std::vector<StoredForm> forms;
+  std::vector<std::uint64_t> hashes;  // of each form's arrays
   std::vector<std::int32_t> buckets;  // open addressing by the arrays' hash; -1 for an empty bucket
 };
 
