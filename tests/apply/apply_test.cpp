@@ -233,4 +233,16 @@ TEST(apply, empty_structure_file_is_an_empty_space) {
   remove_tree(work);
 }
 
+TEST(apply, never_writes_over_a_file_it_reads) {
+  // Arguments swapped: the input named STEM.out is the run's descriptor file.
+  const std::string work = make_temp_dir();
+  write_file(work + "/space_frag.sdf", CC);
+  write_file(work + "/run.out", "\"methane\",1,1,1\n");
+  const RunResult r = run_apply({"-ofile", "run", "space_frag.sdf", "run.out"}, work, {});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "run.out: is a file being read; choose another -ofile STEM\n");
+  EXPECT_EQ(read_file(work + "/run.out"), "\"methane\",1,1,1\n");
+  remove_tree(work);
+}
+
 }  // namespace

@@ -1,6 +1,7 @@
 // tavrix-apply: finds the descriptors of an earlier run (its structure file)
 // in the compounds of another file and writes their descriptor file, with the
 // earlier run's descriptor numbers as columns.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -114,9 +115,22 @@ CompoundInput read_input(const RunSettings& settings) {
   }
 }
 
+// Writing STEM.out over one of the files being read (arguments swapped, or
+// -ofile naming the input) would lose it; refused before anything is read.
+void refuse_output_over_input(const std::string& out, const std::vector<std::string>& inputs) {
+  struct stat o;
+  if (stat(out.c_str(), &o) != 0) return;
+  for (const std::string& in : inputs) {
+    struct stat i;
+    if (stat(in.c_str(), &i) == 0 && i.st_dev == o.st_dev && i.st_ino == o.st_ino)
+      fatal_error(format_text("%s: is a file being read; choose another -ofile STEM\n", out.c_str()));
+  }
+}
+
 int apply_and_report(const RunSettings& settings, const std::string& structure_file) {
   // TAVRIX_THREADS is checked before any file is read.
   const int threads = threads_to_use();
+  refuse_output_over_input(settings.outfstem + ".out", {structure_file, settings.infile});
   const DescriptorSpace space = read_space_file(structure_file, false);
   const CompoundInput input = read_input(settings);
   const std::string out = settings.outfstem + ".out";
@@ -137,6 +151,11 @@ int apply_and_report(const RunSettings& settings, const std::string& structure_f
   std::printf("distinct fragments outside the space: %lld of %lld found (coverage %.2f %%)\n",
               summary.distinct_outside, summary.distinct_found, coverage);
   std::printf("descriptor file: %s\n", out.c_str());
+  if (summary.compounds > 0 && summary.descriptors_found == 0 && !space.fragments.empty())
+    std::fprintf(stderr,
+                 "warning: none of the space's descriptors occurs in '%s'; were the label switches "
+                 "(-NoAtmLabels, -NoBndLabels) those of the run that wrote '%s'?\n",
+                 settings.infile.c_str(), structure_file.c_str());
   return 0;
 }
 
