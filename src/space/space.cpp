@@ -374,7 +374,7 @@ std::uint64_t own_hash(const SpaceFragment& f) {
 // Reads every record from lines into the space: fragments, labels, lengths,
 // where each record lies, and labelling's arrangement of the records written
 // in another; refuses the same fragment twice.
-void read_records(const std::string& name, Lines& lines, DescriptorSpace& space) {
+void read_records(const std::string& name, Lines& lines, DescriptorSpace& space, int threads) {
   RecordReader r(name, lines);
   Interner atom_labels, bond_labels;
   bool first = true;
@@ -412,16 +412,49 @@ void read_records(const std::string& name, Lines& lines, DescriptorSpace& space)
   auto form_of = [&](int d) -> const SpaceFragment& {
     return rearranged[d] < 0 ? space.fragments[d - 1] : space.rearranged[rearranged[d]].second;
   };
+  // Each record's arrangement is settled on its own, so the records are
+  // shared out among the threads in ranges; the rearranged ones are then
+  // gathered in record order.
   std::vector<std::pair<std::uint64_t, int>> hashes(n);
-  Graph g;
-  for (int d = 1; d <= n; ++d) {
-    const SpaceFragment& f = space.fragments[d - 1];
-    if (canonical_arrangement(f, g) && !same_arrays(g, f)) {
-      rearranged[d] = static_cast<int>(space.rearranged.size());
-      space.rearranged.emplace_back(d, SpaceFragment{g.vs, g.es, g.v, g.e, g.vl, g.el});
+  const int parts = std::clamp(threads, 1, std::max(1, n / 1024));
+  std::vector<std::vector<std::pair<int, SpaceFragment>>> found(parts);
+  std::vector<Failure> failures(parts);
+  std::vector<char> failed(parts, 0);
+  auto arrange = [&](int part) {
+    try {
+      RaiseFailures raise;
+      Graph g;
+      for (int d = 1 + static_cast<int>(static_cast<long long>(n) * part / parts);
+           d <= static_cast<int>(static_cast<long long>(n) * (part + 1) / parts); ++d) {
+        const SpaceFragment& f = space.fragments[d - 1];
+        if (canonical_arrangement(f, g) && !same_arrays(g, f)) {
+          found[part].emplace_back(d, SpaceFragment{g.vs, g.es, g.v, g.e, g.vl, g.el});
+          hashes[d - 1] = {own_hash(found[part].back().second), d};
+        } else {
+          hashes[d - 1] = {own_hash(f), d};
+        }
+      }
+    } catch (const Failure& f) {
+      failures[part] = f;
+      failed[part] = 1;
     }
-    hashes[d - 1] = {own_hash(form_of(d)), d};
+  };
+  {
+    std::vector<std::thread> helpers;
+    for (int part = 1; part < parts; ++part) helpers.emplace_back(arrange, part);
+    arrange(0);
+    for (std::thread& t : helpers) t.join();
   }
+  for (int part = 0; part < parts; ++part)
+    if (failed[part]) {
+      if (failures[part].on_stderr) fatal_error_on_stderr(failures[part].message);
+      fatal_error(failures[part].message);
+    }
+  for (auto& part : found)
+    for (auto& [d, f] : part) {
+      rearranged[d] = static_cast<int>(space.rearranged.size());
+      space.rearranged.emplace_back(d, std::move(f));
+    }
   // Within a run of equal hashes, records in file order: the first record
   // that repeats an earlier one is named, with the earliest it repeats.
   std::sort(hashes.begin(), hashes.end());
@@ -445,16 +478,16 @@ void read_records(const std::string& name, Lines& lines, DescriptorSpace& space)
 
 }  // namespace
 
-DescriptorSpace read_space(const std::string& name, std::string text, bool keep_text) {
+DescriptorSpace read_space(const std::string& name, std::string text, bool keep_text, int threads) {
   DescriptorSpace space;
   space.name = name;
   Lines lines{std::string_view(text)};
-  read_records(name, lines, space);
+  read_records(name, lines, space, threads);
   if (keep_text) space.text = std::move(text);
   return space;
 }
 
-DescriptorSpace read_space_file(const std::string& path, bool keep_text) {
+DescriptorSpace read_space_file(const std::string& path, bool keep_text, int threads) {
   FilePtr f = open_file(path, "r");
   if (keep_text) {
     std::string text;
@@ -466,7 +499,7 @@ DescriptorSpace read_space_file(const std::string& path, bool keep_text) {
   DescriptorSpace space;
   space.name = path;
   Lines lines{f.get()};
-  read_records(path, lines, space);
+  read_records(path, lines, space, threads);
   return space;
 }
 
@@ -511,6 +544,16 @@ SpaceMatcher::SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& 
     if ((a.second > 0) != (b.second > 0)) return a.second > 0;
     return std::abs(a.second) < std::abs(b.second);
   });
+  // An open-addressing index over the sorted candidates: a lookup then costs
+  // a cache miss or two, where a binary search over them costs a dozen.
+  std::size_t size = 16;
+  while (size < 2 * candidates_.size()) size *= 2;
+  slots_.assign(size, -1);
+  for (std::size_t i = 0; i < candidates_.size(); ++i) {
+    std::size_t b = candidates_[i].first & (size - 1);
+    while (slots_[b] >= 0) b = (b + 1) & (size - 1);
+    slots_[b] = static_cast<std::int32_t>(i);
+  }
 }
 
 int SpaceMatcher::lookup(int form) {
@@ -526,14 +569,15 @@ int SpaceMatcher::lookup(int form) {
   };
   // Arrays as written come first, so a run's own records keep their own
   // occurrences whatever a rearranged record could claim.
-  auto it = std::lower_bound(candidates_.begin(), candidates_.end(), h,
-                             [](const std::pair<std::uint64_t, int>& c, std::uint64_t key) { return c.first < key; });
-  for (; it != candidates_.end() && it->first == h; ++it) {
-    const int c = it->second;
+  const std::size_t mask = slots_.size() - 1;
+  int rearranged = 0;
+  for (std::size_t b = h & mask; slots_[b] >= 0; b = (b + 1) & mask) {
+    const auto& [hash, c] = candidates_[slots_[b]];
+    if (hash != h) continue;
     if (c > 0 && equal(space_.fragments[c - 1])) return c;
-    if (c < 0 && equal(space_.rearranged[-c - 1].second)) return space_.rearranged[-c - 1].first;
+    if (c < 0 && rearranged == 0 && equal(space_.rearranged[-c - 1].second)) rearranged = space_.rearranged[-c - 1].first;
   }
-  return 0;
+  return rearranged;
 }
 
 void SpaceMatcher::match(const Graph& compound, int compid, DescriptorPairs& pairs) {

@@ -53,11 +53,12 @@ struct DescriptorSpace {
 // messages). Anything but records as a run writes them ends with a message
 // naming the file, the record and the fault: a record cut short, a bond to a
 // missing atom, a record that is not a tree, the same fragment twice. An empty
-// text is an empty space. keep_text keeps the records' text in the space.
-DescriptorSpace read_space(const std::string& name, std::string text, bool keep_text);
+// text is an empty space. keep_text keeps the records' text in the space;
+// the records are checked on up to `threads` threads.
+DescriptorSpace read_space(const std::string& name, std::string text, bool keep_text, int threads = 1);
 
 // The same from a file; a missing or unreadable file is refused too.
-DescriptorSpace read_space_file(const std::string& path, bool keep_text);
+DescriptorSpace read_space_file(const std::string& path, bool keep_text, int threads = 1);
 
 // The text of descriptor d's record (1-based), when the space kept it.
 std::string_view record_text(const DescriptorSpace& space, int d);
@@ -94,6 +95,7 @@ class SpaceMatcher {
   // (form hash, d) for descriptor d as written, (form hash, -k) for entry
   // k - 1 of space_.rearranged; sorted by hash.
   std::vector<std::pair<std::uint64_t, int>> candidates_;
+  std::vector<std::int32_t> slots_;  // open addressing over candidates_ by hash; -1 for none
   FragmentCounter counter_;
   std::vector<int> match_;   // per counted form: descriptor, 0 for none, -1 not looked up yet
   std::vector<char> found_;  // per descriptor: met in some compound

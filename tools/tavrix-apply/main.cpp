@@ -11,6 +11,7 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/common.h"
@@ -131,8 +132,33 @@ int apply_and_report(const RunSettings& settings, const std::string& structure_f
   // TAVRIX_THREADS is checked before any file is read.
   const int threads = threads_to_use();
   refuse_output_over_input(settings.outfstem + ".out", {structure_file, settings.infile});
-  const DescriptorSpace space = read_space_file(structure_file, false);
-  const CompoundInput input = read_input(settings);
+  // The structure file and the input are read at the same time, each on a
+  // thread of its own: neither needs the other until the counting. A fault
+  // of the structure file is reported first, as when they are read in turn.
+  CompoundInput input;
+  Failure input_failure;
+  bool input_failed = false, input_out_of_memory = false;
+  std::thread reader([&] {
+    try {
+      RaiseFailures raise;
+      input = read_input(settings);
+    } catch (const Failure& f) {
+      input_failure = f;
+      input_failed = true;
+    } catch (const std::exception&) {
+      input_out_of_memory = true;
+    }
+  });
+  DescriptorSpace space;
+  try {
+    space = read_space_file(structure_file, false, threads);
+  } catch (...) {
+    reader.join();
+    throw;
+  }
+  reader.join();
+  if (input_failed) throw input_failure;
+  if (input_out_of_memory) throw std::bad_alloc();
   const std::string out = settings.outfstem + ".out";
   const ApplySummary summary = write_descriptor_file(out, space, input, threads);
 
