@@ -18,13 +18,13 @@ bash "$root/scripts/deps.sh" clang-14 libclang-rt-14-dev python3 pybind11-dev py
 jobs=$(nproc)
 fuzz_seconds=${FUZZ_SECONDS:-10}
 
-echo "=== release build and tests"
+echo "=== release build and tests (${SECONDS}s so far)"
 cmake -S "$root" -B "$root/build/test" -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$root/build/test" -j"$jobs"
 ctest --test-dir "$root/build/test" -j"$jobs" --output-on-failure
 
 if [ "$fuzz_seconds" -gt 0 ]; then
-  echo "=== fuzz targets, ${fuzz_seconds}s each"
+  echo "=== fuzz targets, ${fuzz_seconds}s each (${SECONDS}s so far)"
   CC=clang-14 CXX=clang++-14 cmake -S "$root/fuzz" -B "$root/build/fuzz" >/dev/null
   cmake --build "$root/build/fuzz" -j"$jobs"
   # Two at a time, each into a fresh corpus; a finding fails the run and
@@ -54,7 +54,7 @@ if [ "$fuzz_seconds" -gt 0 ]; then
   [ "$failed" -eq 0 ] || exit 1
 fi
 
-echo "=== the core's tests with AddressSanitizer and UndefinedBehaviorSanitizer"
+echo "=== the core's tests with AddressSanitizer and UndefinedBehaviorSanitizer (${SECONDS}s so far)"
 cmake -S "$root" -B "$root/build/test-sanitize" -DCMAKE_BUILD_TYPE=Debug -DTAVRIX_SANITIZE=ON >/dev/null
 cmake --build "$root/build/test-sanitize" -j"$jobs" --target \
   test_common test_graph test_input test_enumerate test_canon test_table test_output test_golden test_matrix \
@@ -63,10 +63,11 @@ cmake --build "$root/build/test-sanitize" -j"$jobs" --target \
 # examples, installation) show up as *_NOT_BUILT tests and are left out.
 ctest --test-dir "$root/build/test-sanitize" -j"$jobs" --output-on-failure -E '_NOT_BUILT$'
 
-echo "=== the runs on several threads with ThreadSanitizer"
+echo "=== the runs on several threads with ThreadSanitizer (${SECONDS}s so far)"
 cmake -S "$root" -B "$root/build/test-threads" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVRIX_THREAD_SANITIZE=ON >/dev/null
 cmake --build "$root/build/test-threads" -j"$jobs" --target test_count test_golden test_apply
 # A race reported in a run makes it end with ThreadSanitizer's own status,
 # which fails the test that made it.
 TSAN_OPTIONS="halt_on_error=1" ctest --test-dir "$root/build/test-threads" -j"$jobs" --output-on-failure \
   -R '^(threads|public_files/golden_run|apply)\.'
+echo "=== all passed in ${SECONDS}s"
