@@ -36,35 +36,6 @@ constexpr int BATCH_COMPOUNDS = 32;
 constexpr std::size_t MEMO_BUDGET = std::size_t{128} << 20;
 constexpr std::size_t MEMO_FLOOR = std::size_t{32} << 20;
 
-// ---- The form store ----
-
-std::uint64_t arrays_hash(const GraphView& g) {
-  std::uint64_t h = static_cast<std::uint64_t>(g.vs) << 32 | static_cast<std::uint32_t>(g.es);
-  auto mix = [&h](int x) { h = (h ^ static_cast<std::uint32_t>(x)) * 0x100000001b3ull; };
-  for (int i = 0; i < g.vs; ++i) mix(g.vl[i]);
-  for (int i = 0; i <= g.vs; ++i) mix(g.v[i]);
-  for (int j = 0; j < g.es; ++j) mix(g.e[j]);
-  for (int j = 0; j < g.es; ++j) mix(g.el[j]);
-  h ^= h >> 33;
-  h *= 0xff51afd7ed558ccdull;
-  return h ^ (h >> 33);
-}
-
-bool same_arrays(const GraphView& a, const GraphView& b) {
-  return a.vs == b.vs && a.es == b.es && std::equal(a.vl, a.vl + a.vs, b.vl) && std::equal(a.v, a.v + a.vs + 1, b.v) &&
-         std::equal(a.e, a.e + a.es, b.e) && std::equal(a.el, a.el + a.es, b.el);
-}
-
-void rehash(FormStore& store, std::size_t size) {
-  store.buckets.assign(size, -1);
-  const std::size_t mask = size - 1;
-  for (int f = 0; f < static_cast<int>(store.forms.size()); ++f) {
-    std::size_t b = store.hashes[f] & mask;
-    while (store.buckets[b] >= 0) b = (b + 1) & mask;
-    store.buckets[b] = f;
-  }
-}
-
 // ---- Numbers in bytes ----
 
 void put_number(std::vector<std::uint8_t>& out, std::uint64_t x) {
@@ -131,12 +102,8 @@ struct Batch {
   std::vector<Graph> graphs;
   std::vector<std::string> names;
   // What the worker leaves:
-  int worker = 0;
-  int epoch = 0;                      // of the worker's counter
-  std::vector<int> entry_end;         // per compound: end of its entries
-  std::vector<Occurrence> entries;    // (worker's form, count)
-  std::vector<StoredForm> new_forms;  // forms the worker made counting this batch, `at` into form_arrays
-  std::vector<int> form_arrays;
+  std::vector<int> entry_end;        // per compound: end of its entries
+  std::vector<FormCount> entries;    // (the run's form, count)
   long long fragments = 0;
   bool failed = false;
   Failure failure;
@@ -146,18 +113,14 @@ struct Batch {
 
 struct Worker {
   std::unique_ptr<FragmentCounter> counter;
-  int epoch = 0;
-  int exported = 0;  // the counter's forms already handed to the merge
 };
 
-void count_batch(Worker& w, int index, const CountOptions& o, Batch& b) {
+void count_batch(Worker& w, FormStore& store, const CountOptions& o, Batch& b) {
   try {
     RaiseFailures raise;
     if (!w.counter || w.counter->memo_bytes() > std::max(MEMO_FLOOR, MEMO_BUDGET / std::max(o.threads, 1))) {
       w.counter.reset();
-      w.counter = std::make_unique<FragmentCounter>(o.lmin, o.lmax, o.opt);
-      ++w.epoch;
-      w.exported = 0;
+      w.counter = std::make_unique<FragmentCounter>(o.lmin, o.lmax, o.opt, &store);
     }
     FragmentCounter& counter = *w.counter;
     const long long before = counter.fragments();
@@ -167,20 +130,7 @@ void count_batch(Worker& w, int index, const CountOptions& o, Batch& b) {
       counter.count_compound(b.graphs[k], b.first + k, b.entries);
       b.entry_end.push_back(static_cast<int>(b.entries.size()));
     }
-    b.new_forms.clear();
-    b.form_arrays.clear();
-    for (int f = w.exported; f < counter.forms(); ++f) {
-      const GraphView g = counter.form(f);
-      b.new_forms.push_back(StoredForm{b.form_arrays.size(), g.vs, g.es, g.key});
-      b.form_arrays.insert(b.form_arrays.end(), g.vl, g.vl + g.vs);
-      b.form_arrays.insert(b.form_arrays.end(), g.v, g.v + g.vs + 1);
-      b.form_arrays.insert(b.form_arrays.end(), g.e, g.e + g.es);
-      b.form_arrays.insert(b.form_arrays.end(), g.el, g.el + g.es);
-    }
-    w.exported = counter.forms();
     b.fragments = counter.fragments() - before;
-    b.worker = index;
-    b.epoch = w.epoch;
   } catch (const Failure& f) {
     b.failed = true;
     b.failure = f;
@@ -190,34 +140,16 @@ void count_batch(Worker& w, int index, const CountOptions& o, Batch& b) {
   }
 }
 
-GraphView view_at(const int* vl, const StoredForm& f) {
-  const int* v = vl + f.vs;
-  const int* e = v + f.vs + 1;
-  return GraphView{f.vs, f.es, f.key, v, e, e + f.es, vl};
-}
-
-GraphView view_in(const std::vector<int>& arrays, const StoredForm& f) { return view_at(arrays.data() + f.at, f); }
-
-// The merge's side: each worker's forms in the run's store.
+// The merge's scratch.
 struct Merge {
-  std::vector<std::vector<int>> global;  // per worker: its form -> the run's form
-  std::vector<int> epoch;                // per worker: of the forms in `global`
   std::vector<std::uint8_t> bytes;
 };
 
 void merge_batch(Batch& b, Merge& m, CountedRun& run) {
   if (b.failed) throw b.failure;
   if (b.out_of_memory) throw std::bad_alloc();
-  std::vector<int>& global = m.global[b.worker];
-  if (m.epoch[b.worker] != b.epoch) {
-    global.clear();
-    m.epoch[b.worker] = b.epoch;
-  }
-  for (const StoredForm& f : b.new_forms) {
-    const int g = find_or_add_form(run.store, view_in(b.form_arrays, f));
-    if (g == static_cast<int>(run.support.size())) run.support.push_back(0);
-    global.push_back(g);
-  }
+  // Forms are added to the store before the batch that met them is done.
+  run.support.resize(run.store.size(), 0);
   int begin = 0;
   for (int k = 0; k < b.size; ++k) {
     const int end = b.entry_end[k];
@@ -227,9 +159,9 @@ void merge_batch(Batch& b, Merge& m, CountedRun& run) {
     out.insert(out.end(), b.names[k].begin(), b.names[k].end());
     put_number(out, static_cast<std::uint64_t>(end - begin));
     for (int p = begin; p < end; ++p) {
-      const int g = global[b.entries[p].id];
+      const int g = b.entries[p].form;
       if (run.support[g]++ == 0) {
-        const std::size_t length = static_cast<std::size_t>(run.store.forms[g].vs - 1);
+        const std::size_t length = static_cast<std::size_t>(run.store.stored(g).vs - 1);
         if (run.by_length.size() <= length) run.by_length.resize(length + 1);
         run.by_length[length].push_back(g);
       }
@@ -252,8 +184,8 @@ struct WorkerPool {
   std::vector<Worker> workers;
   std::vector<std::thread> threads;
 
-  WorkerPool(int n, const CountOptions& o) : workers(n) {
-    for (int i = 0; i < n; ++i) threads.emplace_back([this, i, &o] { serve(i, o); });
+  WorkerPool(int n, FormStore& store, const CountOptions& o) : workers(n) {
+    for (int i = 0; i < n; ++i) threads.emplace_back([this, i, &store, &o] { serve(i, store, o); });
   }
   ~WorkerPool() {
     {
@@ -263,7 +195,7 @@ struct WorkerPool {
     work.notify_all();
     for (std::thread& t : threads) t.join();
   }
-  void serve(int index, const CountOptions& o) {
+  void serve(int index, FormStore& store, const CountOptions& o) {
     for (;;) {
       Batch* b = nullptr;
       {
@@ -273,7 +205,7 @@ struct WorkerPool {
         b = queue.front();
         queue.pop_front();
       }
-      count_batch(workers[index], index, o, *b);
+      count_batch(workers[index], store, o, *b);
       {
         std::lock_guard<std::mutex> lock(mutex);
         b->done = true;
@@ -301,11 +233,9 @@ void count_all(CompoundStream& input, const CountOptions& o, CountedRun& run) {
   std::deque<std::unique_ptr<Batch>> in_flight, spare;
   // One thread counts in the caller's thread; more get a pool, and the
   // caller reads and merges.
-  std::unique_ptr<WorkerPool> pool = threads > 1 ? std::make_unique<WorkerPool>(threads, o) : nullptr;
+  std::unique_ptr<WorkerPool> pool = threads > 1 ? std::make_unique<WorkerPool>(threads, run.store, o) : nullptr;
   Worker inline_worker;
   Merge merge;
-  merge.global.resize(threads);
-  merge.epoch.assign(threads, 0);
   const std::size_t in_flight_limit = threads > 1 ? 4 * static_cast<std::size_t>(threads) : 1;
   Progress progress;
   if (o.progress) progress_start(progress, input.compounds, o.lmin, o.lmax);
@@ -344,7 +274,7 @@ void count_all(CompoundStream& input, const CountOptions& o, CountedRun& run) {
       if (pool) {
         pool->submit(b.get());
       } else {
-        count_batch(inline_worker, 0, o, *b);
+        count_batch(inline_worker, run.store, o, *b);
         b->done = true;
       }
       in_flight.push_back(std::move(b));
@@ -363,44 +293,8 @@ void count_all(CompoundStream& input, const CountOptions& o, CountedRun& run) {
 
 }  // namespace
 
-int find_or_add_form(FormStore& store, const GraphView& g) {
-  if (store.buckets.empty()) rehash(store, 1 << 12);
-  std::size_t mask = store.buckets.size() - 1;
-  const std::uint64_t hash = arrays_hash(g);
-  for (std::size_t b = hash & mask;; b = (b + 1) & mask) {
-    const int f = store.buckets[b];
-    if (f < 0) {
-      const int added = static_cast<int>(store.forms.size());
-      constexpr std::uint64_t chunk = std::uint64_t{1} << FORM_CHUNK_BITS;
-      const std::uint64_t size = 2 * static_cast<std::uint64_t>(g.vs) + 1 + 2 * static_cast<std::uint64_t>(g.es);
-      // A form that would straddle the end of a chunk starts the next one.
-      if ((store.end & (chunk - 1)) + size > chunk || store.end == chunk * store.chunks.size()) {
-        store.end = chunk * store.chunks.size();
-        store.chunks.push_back(std::make_unique_for_overwrite<int[]>(chunk));
-      }
-      int* at = &store.chunks[store.end >> FORM_CHUNK_BITS][store.end & (chunk - 1)];
-      at = std::copy(g.vl, g.vl + g.vs, at);
-      at = std::copy(g.v, g.v + g.vs + 1, at);
-      at = std::copy(g.e, g.e + g.es, at);
-      std::copy(g.el, g.el + g.es, at);
-      store.forms.push_back(StoredForm{store.end, g.vs, g.es, g.key});
-      store.hashes.push_back(hash);
-      store.end += size;
-      store.buckets[b] = added;
-      if (2 * store.forms.size() > store.buckets.size()) rehash(store, 2 * store.buckets.size());
-      return added;
-    }
-    if (store.hashes[f] == hash && same_arrays(form_view(store, f), g)) return f;
-  }
-}
-
-GraphView form_view(const FormStore& store, int f) {
-  const StoredForm& form = store.forms[f];
-  const std::uint64_t mask = (std::uint64_t{1} << FORM_CHUNK_BITS) - 1;
-  return view_at(&store.chunks[form.at >> FORM_CHUNK_BITS][form.at & mask], form);
-}
-
 void count_compounds(CompoundStream& input, const CountOptions& options, CountedRun& run) {
+  if (options.threads > 1) run.store.share_steps();
   run.spill.limit = options.spill_limit;
   run.spill.directory = options.spill_directory;
   try {
@@ -419,7 +313,7 @@ void count_compounds(CompoundStream& input, const CountOptions& options, Counted
 
 void number_forms(const CountedRun& run, const RunSettings& settings, const LabelDictionary& dict, bool announce,
                   std::FILE* structure, const std::string& structure_name, Numbering& numbering) {
-  const int forms = static_cast<int>(run.store.forms.size());
+  const int forms = run.store.size();
   numbering.id.assign(forms, 0);
   numbering.descriptor.assign(forms, 0);
   numbering.total = numbering.descriptors = 0;
@@ -433,7 +327,7 @@ void number_forms(const CountedRun& run, const RunSettings& settings, const Labe
     if (t >= 0 && t < static_cast<long long>(run.by_length.size())) {
       for (int f : run.by_length[t]) {
         numbering.id[f] = ++numbering.total;
-        placed.emplace_back(claim_slot(occupancy, run.store.forms[f].key), f);
+        placed.emplace_back(claim_slot(occupancy, run.store.stored(f).key), f);
       }
     }
     std::sort(placed.begin(), placed.end());
@@ -441,8 +335,8 @@ void number_forms(const CountedRun& run, const RunSettings& settings, const Labe
       if (run.support[f] < settings.fmin) continue;
       numbering.descriptor[f] = ++numbering.descriptors;
       if (structure == nullptr) continue;
-      if (settings.mol2input) write_mol2_fragment(numbering.id[f], form_view(run.store, f), dict, structure);
-      else write_sd_fragment(numbering.id[f], form_view(run.store, f), dict, structure);
+      if (settings.mol2input) write_mol2_fragment(numbering.id[f], run.store.view(f), dict, structure);
+      else write_sd_fragment(numbering.id[f], run.store.view(f), dict, structure);
     }
     // A lost write is reported with the length it belongs to.
     if (structure != nullptr) check_written(structure, structure_name);

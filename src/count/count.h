@@ -2,9 +2,9 @@
 // distinct fragments rather than by the compounds.
 //
 // The input is read one compound at a time. Workers count batches of
-// compounds, each with a counter of its own (its forms are numbered in the
-// order it meets them); one merge, in input order, gives every distinct
-// fragment its place in a store shared by the run, in order of first
+// compounds, each with a counter of its own (its memory of growth steps and
+// labelled graphs), all adding the forms they meet to one store shared by
+// the run. One merge, in input order, lists every distinct fragment by first
 // occurrence over the compounds in input order, whatever thread met it first,
 // and counts its support. So ids, slots and descriptor numbers come out as one
 // thread counting every compound in turn gives them. Each compound's entries
@@ -21,35 +21,13 @@
 #include <vector>
 
 #include "common/common.h"
+#include "enumerate/form_store.h"
 #include "graph/graph.h"
 #include "input/input.h"
 
 // A compound's descriptors: (descriptor number, count) in the order a run
 // lists them, ascending length first, then first occurrence in the compound.
 using DescriptorPairs = std::vector<std::pair<int, int>>;
-
-struct StoredForm {
-  std::uint64_t at = 0;   // where its vl, v, e, el begin in the store's chunks
-  int vs = 0;
-  int es = 0;
-  std::uint32_t key = 0;  // the table's hash key
-};
-
-// Every distinct fragment of a run, by its canonical arrays. The arrays lie
-// in chunks that never move, so the store grows without ever holding an old
-// and a new copy of itself at once; a form never straddles two chunks.
-constexpr int FORM_CHUNK_BITS = 20;
-struct FormStore {
-  std::vector<std::unique_ptr<int[]>> chunks;  // 1 << FORM_CHUNK_BITS ints each
-  std::uint64_t end = 0;                       // where the next form's arrays go
-  std::vector<StoredForm> forms;
-  std::vector<std::uint64_t> hashes;  // of each form's arrays
-  std::vector<std::int32_t> buckets;  // open addressing by the arrays' hash; -1 for an empty bucket
-};
-
-// The form's index in the store, adding it when new.
-int find_or_add_form(FormStore& store, const GraphView& g);
-GraphView form_view(const FormStore& store, int f);
 
 // Bytes appended one after the other and read back once, in order: in
 // memory up to `limit`, then in a temporary file that no name refers to, so
@@ -73,7 +51,7 @@ struct CountOptions {
 };
 
 struct CountedRun {
-  FormStore store;
+  FormStore store;                          // every form met, shared by the workers' counters
   std::vector<int> support;                 // per form: compounds holding it
   std::vector<std::vector<int>> by_length;  // per length in bonds: its forms in order of first occurrence
   Spill spill;                              // per compound: name and (form, count) entries

@@ -16,14 +16,6 @@ namespace {
 // nothing new is remembered (see also MAX_POOL).
 constexpr std::size_t MAX_LABELLED_BYTES = std::size_t{1} << 28;
 
-std::uint64_t mix(std::uint64_t x) {
-  x ^= x >> 33;
-  x *= 0xff51afd7ed558ccdull;
-  x ^= x >> 33;
-  x *= 0xc4ceb9fe1a85ec53ull;
-  return x ^ (x >> 33);
-}
-
 // Past this many buckets the pool takes no more steps.
 constexpr std::size_t MAX_POOL = std::size_t{1} << 23;
 
@@ -53,80 +45,36 @@ std::size_t step_home(std::uint32_t key, std::uint32_t mask) {
   return h & mask;
 }
 
-// A hash of the arrays that make a canonical form (the table's key is only
-// needed once per form, and costs a step per byte).
-std::uint64_t form_hash(const GraphView& g) {
-  std::uint64_t h = static_cast<std::uint64_t>(g.vs) << 32 | static_cast<std::uint32_t>(g.es);
-  for (int i = 0; i < g.vs; ++i) h = (h ^ static_cast<std::uint32_t>(g.vl[i])) * 0x100000001b3ull;
-  for (int j = 0; j < g.es; ++j)
-    h = (h ^ (static_cast<std::uint64_t>(static_cast<std::uint32_t>(g.e[j])) << 32 | static_cast<std::uint32_t>(g.el[j]))) *
-        0x100000001b3ull;
-  return mix(h);
-}
-
-bool same_form(const GraphView& a, const GraphView& b) {
-  return a.vs == b.vs && a.es == b.es && std::equal(a.vl, a.vl + a.vs, b.vl) && std::equal(a.v, a.v + a.vs + 1, b.v) &&
-         std::equal(a.e, a.e + a.es, b.e) && std::equal(a.el, a.el + a.es, b.el);
-}
-
 }  // namespace
 
-FragmentCounter::FragmentCounter(int lmin, int lmax, int opt) : lmin_(lmin), lmax_(lmax), opt_(opt) {
-  // Room for the forms and steps of a thousand compounds or so, which spares
-  // the first copies of doubling. Unused room still counts against an
-  // address-space limit (ulimit -v), so it stays at a few megabytes: larger
-  // sets pay a handful of doublings, which the benchmark does not notice.
-  memo_.arrays.reserve(std::size_t{1} << 20);
+FragmentCounter::FragmentCounter(int lmin, int lmax, int opt, FormStore* store)
+    : lmin_(lmin), lmax_(lmax), opt_(opt), store_(store) {
+  if (store_ == nullptr) {
+    own_store_ = std::make_unique<FormStore>();
+    store_ = own_store_.get();
+  }
+  // Room for the steps of a thousand compounds or so, which spares the first
+  // copies of doubling. Unused room still counts against an address-space
+  // limit (ulimit -v), so it stays small: larger sets pay a handful of
+  // doublings, which the benchmark does not notice.
   memo_.pool.reserve(std::size_t{1} << 16);
 }
 
-GraphView FragmentCounter::form(int f) const {
-  const FragmentForm& form = memo_.forms[f];
-  const int* vl = memo_.arrays.data() + form.at;
-  const int* v = vl + form.vs;
-  const int* e = v + form.vs + 1;
-  return GraphView{form.vs, form.es, form.key, v, e, e + form.es, vl};
+// The per-form arrays reach form f: the store numbers forms for every
+// counter sharing it, so this counter meets indices in no particular order.
+void FragmentCounter::know(int f) {
+  FragmentMemo& m = memo_;
+  if (f < static_cast<int>(m.hot.size())) return;
+  const std::size_t size = std::max<std::size_t>(static_cast<std::size_t>(f) + 1, 2 * m.hot.size());
+  m.hot.resize(size);
+  m.steps_used.resize(size, 0);
+  m.last_compound.resize(size, -1);
+  m.last_position.resize(size, 0);
 }
 
 int FragmentCounter::find_or_add_form(const GraphView& g) {
-  FragmentMemo& m = memo_;
-  if (m.form_bucket.empty()) m.form_bucket.assign(1 << 12, FormBucket{});
-  std::size_t mask = m.form_bucket.size() - 1;
-  const std::uint64_t hash = form_hash(g);
-  const auto tag = static_cast<std::uint32_t>(hash >> 32);
-  std::size_t b = hash & mask;
-  for (; m.form_bucket[b].form != -1; b = (b + 1) & mask) {
-    if (m.form_bucket[b].tag == tag && same_form(form(m.form_bucket[b].form), g)) return m.form_bucket[b].form;
-  }
-  const int f = static_cast<int>(m.forms.size());
-  FragmentForm added;
-  added.at = static_cast<std::uint32_t>(m.arrays.size());
-  added.vs = g.vs;
-  added.es = g.es;
-  m.arrays.insert(m.arrays.end(), g.vl, g.vl + g.vs);
-  m.arrays.insert(m.arrays.end(), g.v, g.v + g.vs + 1);
-  m.arrays.insert(m.arrays.end(), g.e, g.e + g.es);
-  m.arrays.insert(m.arrays.end(), g.el, g.el + g.es);
-  m.forms.push_back(added);
-  m.forms.back().key = compute_key(form(f));
-  m.hot.emplace_back();
-  m.steps_used.push_back(0);
-  bool branching = false;
-  for (int i = 0; i < g.vs && !branching; ++i) branching = g.v[i + 1] - g.v[i] > 2;
-  m.branching.push_back(branching);
-  m.last_compound.push_back(-1);
-  m.last_position.push_back(0);
-  m.form_bucket[b] = FormBucket{tag, f};
-  if (2 * m.forms.size() > m.form_bucket.size()) {
-    m.form_bucket.assign(2 * m.form_bucket.size(), FormBucket{});
-    mask = m.form_bucket.size() - 1;
-    for (int k = 0; k <= f; ++k) {
-      const std::uint64_t h = form_hash(form(k));
-      std::size_t c = h & mask;
-      while (m.form_bucket[c].form != -1) c = (c + 1) & mask;
-      m.form_bucket[c] = FormBucket{static_cast<std::uint32_t>(h >> 32), k};
-    }
-  }
+  const int f = store_->find_or_add(g);
+  know(f);
   return f;
 }
 
@@ -197,7 +145,7 @@ void FragmentCounter::add_step(int form, std::uint32_t key, int grown, const std
   ++used;
 }
 
-void FragmentCounter::count_compound(const Graph& compound, int compid, std::vector<Occurrence>& entries) {
+void FragmentCounter::count_compound(const Graph& compound, int compid, std::vector<FormCount>& entries) {
   g_ = &compound;
   compid_ = compid;
   build_slot_table(compound, t_);
@@ -308,19 +256,19 @@ void FragmentCounter::include(int n, int s) {
 void FragmentCounter::record(int n) {
   const int f = form_[n];
   if (opt_ == 2 || opt_ == 3) {
-    if ((memo_.branching[f] != 0) != (opt_ == 2)) return;
+    if (store_->stored(f).branching != (opt_ == 2)) return;
   } else if (opt_ != 1) {
     fatal_error("Option not valid\n");
   }
   ++fragments_;
   longest_ = std::max(longest_, n);
-  std::vector<Occurrence>& list = by_length_[n];
+  std::vector<FormCount>& list = by_length_[n];
   if (memo_.last_compound[f] == compid_) {
     ++list[memo_.last_position[f]].count;
   } else {
     memo_.last_compound[f] = compid_;
     memo_.last_position[f] = static_cast<int>(list.size());
-    list.push_back(Occurrence{f, 1});
+    list.push_back(FormCount{f, 1});
   }
 }
 
@@ -380,13 +328,34 @@ void FragmentCounter::grow(int n, int a, int b, int label) {
     label_exactly(n, true);  // known not to be stable: label the set itself
     return;
   }
-  std::uint8_t moves[MAX_GROWN_VERTICES + 1];
-  if (label_grown(n, pos, outside, label, moves)) {
-    add_step(form_[n - 1], key, form_[n], moves, n + 1);
+  if (store_->shares_steps()) {
+    // Another thread may have worked this step out already.
+    SharedStep shared;
+    if (store_->find_step(form_[n - 1], key, shared)) {
+      if (shared.grown >= 0) {
+        know(shared.grown);
+        form_[n] = shared.grown;
+        grown_[n] = 1;
+        for (int k = 0; k < n; ++k) child[shared.moves[1 + k]] = parent[k];
+        child[shared.moves[0]] = outside;
+        add_step(form_[n - 1], key, shared.grown, shared.moves, n + 1);
+      } else {
+        label_exactly(n, true);
+        add_step(form_[n - 1], key, -1, shared.moves, 0);
+      }
+      return;
+    }
+  }
+  static_assert(MAX_GROWN_VERTICES + 1 <= SHARED_STEP_MOVES);
+  SharedStep worked;
+  if (label_grown(n, pos, outside, label, worked.moves)) {
+    worked.grown = form_[n];
+    add_step(form_[n - 1], key, form_[n], worked.moves, n + 1);
   } else {
     label_exactly(n, true);
-    add_step(form_[n - 1], key, -1, moves, 0);
+    add_step(form_[n - 1], key, -1, worked.moves, 0);
   }
+  if (store_->shares_steps()) store_->add_step(form_[n - 1], key, worked);
 }
 
 // A new step from a stable form: the grown set's graph is the smaller form

@@ -11,46 +11,52 @@
 // exactly as inserting every fragment into the table one by one does.
 #pragma once
 
+#include <memory>
 #include <vector>
 
 #include "canon/canon.h"
+#include "enumerate/form_store.h"
 #include "enumerate/fragment_memo.h"
 #include "enumerate/tree_freq.h"
 #include "graph/graph.h"
 #include "table/table.h"
 
+// A form met in a compound and the number of its occurrences there.
+struct FormCount {
+  int form = 0;  // index in the counter's form store
+  int count = 0;
+};
+
 class FragmentCounter {
  public:
   // Lengths lmin..lmax (lengths below 1 hold nothing); opt is the fragment
   // type code: 1 every fragment, 2 those with an atom of three or more of
-  // their bonds, 3 the others.
-  FragmentCounter(int lmin, int lmax, int opt);
+  // their bonds, 3 the others. Forms go to `store`, which counters on other
+  // threads may share; without one the counter keeps a store of its own.
+  FragmentCounter(int lmin, int lmax, int opt, FormStore* store = nullptr);
 
   // Appends the compound's entries for every length from lmin to lmax, in
   // ascending length, each length's distinct forms in order of first
-  // occurrence in the compound, as (form index, count); forms are numbered
-  // in the order this counter first met them.
-  void count_compound(const Graph& compound, int compid, std::vector<Occurrence>& entries);
+  // occurrence in the compound, as (form index, count).
+  void count_compound(const Graph& compound, int compid, std::vector<FormCount>& entries);
 
-  // The canonical form f; valid until the next compound is counted.
-  GraphView form(int f) const;
+  // The canonical form f.
+  GraphView form(int f) const { return store_->view(f); }
   // Fragments found (occurrences counted) so far, for progress reports.
   long long fragments() const { return fragments_; }
   // The longest length with a fragment counted so far (0 for none).
   int longest() const { return longest_; }
-  // Forms met so far: they are numbered 0 .. forms() - 1 in order of creation.
-  int forms() const { return static_cast<int>(memo_.forms.size()); }
-  // About what the memo holds, in bytes: it grows with the distinct
-  // fragments met, and a caller that bounds memory starts a new counter.
+  const FormStore& store() const { return *store_; }
+  // About what the memo holds, in bytes (the store apart): it grows with
+  // the distinct fragments met, and a caller that bounds memory starts a new
+  // counter.
   std::size_t memo_bytes() const {
     const FragmentMemo& m = memo_;
-    // Per form: its record and the side arrays.
-    const std::size_t per_form = sizeof(FragmentForm) + sizeof(FormHot) + sizeof(std::uint32_t) + 1 + 2 * sizeof(int);
+    const std::size_t per_form = sizeof(FormHot) + sizeof(std::uint32_t) + 2 * sizeof(int);
     // A remembered fragment graph: its key string on the heap and a hash node.
     const std::size_t per_graph = 96;
-    return m.arrays.capacity() * sizeof(int) + m.forms.capacity() * per_form +
-           m.pool.capacity() * sizeof(StepBucket) + m.labelled_bytes + m.labelled.size() * per_graph +
-           m.orders.capacity() + m.long_moves.capacity() + m.form_bucket.capacity() * sizeof(FormBucket);
+    return m.hot.capacity() * per_form + m.pool.capacity() * sizeof(StepBucket) + m.labelled_bytes +
+           m.labelled.size() * per_graph + m.orders.capacity() + m.long_moves.capacity();
   }
  private:
   void visit(int n);
@@ -65,9 +71,12 @@ class FragmentCounter {
   void label_exactly(int n, bool remember);
   void label_graph(int n, int* child);
   int find_or_add_form(const GraphView& g);
+  void know(int f);
   int* row(int n) { return &at_[static_cast<std::size_t>(n) * width_]; }
 
   int lmin_, lmax_, opt_;
+  std::unique_ptr<FormStore> own_store_;
+  FormStore* store_;
   FragmentMemo memo_;
   long long fragments_ = 0;
   int longest_ = 0;
@@ -88,7 +97,7 @@ class FragmentCounter {
   std::vector<int> form_;    // form of the set of each size on the path
   std::vector<char> grown_;  // its form is stable and its row of at_ is valid
   std::vector<int> at_;      // per size: compound atom (0-based) at each canonical position
-  std::vector<std::vector<Occurrence>> by_length_;
+  std::vector<std::vector<FormCount>> by_length_;
 
   // Scratch of labelling.
   SmallGraph small_;

@@ -22,23 +22,6 @@
 
 #include "graph/graph.h"
 
-// One distinct canonical form met in the run, as labelling wrote it: its
-// arrays vl, v, e, el stand one after the other in FragmentMemo::arrays, so
-// reading a form touches one stretch of memory.
-struct FragmentForm {
-  std::uint32_t at = 0;
-  int vs = 0;
-  int es = 0;
-  std::uint32_t key = 0;  // the table's hash key
-};
-
-// A bucket of the forms' hash table: the top half of the form's hash and
-// the form, -1 for an empty bucket.
-struct FormBucket {
-  std::uint32_t tag = 0;
-  std::int32_t form = -1;
-};
-
 // A fragment graph labelled before: its form and, for a stable form, where
 // (offset into FragmentMemo::orders) the fragment vertex at each canonical
 // position is listed; -1 otherwise.
@@ -48,7 +31,7 @@ struct LabelledGraph {
 };
 
 // Sets of up to this many atoms grow along the search path; positions are
-// kept in bytes, and the step key holds a position in five bits.
+// kept in bytes, and a step key holds the position in its bits 24 to 30.
 constexpr int MAX_GROWN_VERTICES = 19;
 // Grown forms of up to this many atoms keep their moves inside the bucket;
 // larger ones keep them in FragmentMemo::long_moves.
@@ -73,21 +56,17 @@ struct FormHot {
   std::uint32_t mask = 0;
 };
 
+// What one counter remembers. The per-form arrays are indexed by the run's
+// form indices (see form_store.h) and grow as the counter meets higher ones.
 struct FragmentMemo {
-  std::vector<FragmentForm> forms;
-  std::vector<FormHot> hot;  // parallel to forms
+  std::vector<FormHot> hot;
   std::vector<std::uint32_t> steps_used;  // steps in each form's table
-  std::vector<int> arrays;   // every form's arrays
 
   // Per form, apart so that the check made for every set reads 4 bytes: the
   // compound the form was last counted in, and the position of its entry
   // in that compound's list of the form's length.
   std::vector<int> last_compound;
   std::vector<int> last_position;
-  std::vector<char> branching;  // some atom carries three or more of its bonds
-
-  // Forms by canonical graph: open addressing on a hash of its arrays.
-  std::vector<FormBucket> form_bucket;
 
   // Every form's step buckets; a form whose table fills up moves to a table
   // twice the size, and the tables it leaves are reused (free_tables, by

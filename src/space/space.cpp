@@ -586,8 +586,8 @@ void SpaceMatcher::match(const Graph& compound, int compid, DescriptorPairs& pai
   if (space_.fragments.empty()) return;
   entries_.clear();
   counter_.count_compound(compound, compid, entries_);
-  for (const Occurrence& entry : entries_) {
-    const int f = entry.id;  // the counter's form index
+  for (const FormCount& entry : entries_) {
+    const int f = entry.form;
     if (f >= static_cast<int>(match_.size())) match_.resize(static_cast<std::size_t>(f) + 1, -1);
     if (match_[f] < 0) {
       match_[f] = lookup(f);
@@ -617,9 +617,8 @@ ApplySummary SpaceMatcher::combined_summary(const std::vector<const SpaceMatcher
     total.occurrences_matched += m->summary_.occurrences_matched;
     for (int f = 0; f < static_cast<int>(m->match_.size()); ++f) {
       if (m->match_[f] < 0) continue;
-      const std::size_t before = distinct.forms.size();
-      find_or_add_form(distinct, m->counter_.form(f));
-      if (distinct.forms.size() == before) continue;
+      const int before = distinct.size();
+      if (distinct.find_or_add(m->counter_.form(f)) < before) continue;
       ++total.distinct_found;
       if (m->match_[f] == 0) ++total.distinct_outside;
     }

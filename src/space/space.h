@@ -99,7 +99,7 @@ class SpaceMatcher {
   FragmentCounter counter_;
   std::vector<int> match_;   // per counted form: descriptor, 0 for none, -1 not looked up yet
   std::vector<char> found_;  // per descriptor: met in some compound
-  std::vector<Occurrence> entries_;
+  std::vector<FormCount> entries_;
   ApplySummary summary_;
 };
 

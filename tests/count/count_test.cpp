@@ -83,9 +83,9 @@ Outcome counted(const std::string& text, const RunSettings& s, int threads, std:
   number_forms(run, s, stream.dictionary, false, nullptr, "", numbering);
   Outcome o;
   o.descriptors.resize(numbering.descriptors);
-  for (int f = 0; f < static_cast<int>(run.store.forms.size()); ++f)
+  for (int f = 0; f < run.store.size(); ++f)
     if (numbering.descriptor[f] != 0)
-      o.descriptors[numbering.descriptor[f] - 1] = record(numbering.id[f], run.support[f], form_view(run.store, f));
+      o.descriptors[numbering.descriptor[f] - 1] = record(numbering.id[f], run.support[f], run.store.view(f));
   RowReader rows;
   start_rows(run, rows);
   std::string name;

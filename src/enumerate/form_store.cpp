@@ -1,0 +1,176 @@
+// The run's shared forms; see form_store.h.
+#include "enumerate/form_store.h"
+
+#include <algorithm>
+
+#include "common/common.h"
+#include "table/table.h"
+
+namespace {
+
+std::uint64_t arrays_hash(const GraphView& g) {
+  std::uint64_t h = static_cast<std::uint64_t>(g.vs) << 32 | static_cast<std::uint32_t>(g.es);
+  auto mix = [&h](int x) { h = (h ^ static_cast<std::uint32_t>(x)) * 0x100000001b3ull; };
+  for (int i = 0; i < g.vs; ++i) mix(g.vl[i]);
+  for (int i = 0; i <= g.vs; ++i) mix(g.v[i]);
+  for (int j = 0; j < g.es; ++j) mix(g.e[j]);
+  for (int j = 0; j < g.es; ++j) mix(g.el[j]);
+  h ^= h >> 33;
+  h *= 0xff51afd7ed558ccdull;
+  return h ^ (h >> 33);
+}
+
+bool same_arrays(const GraphView& a, const GraphView& b) {
+  return a.vs == b.vs && a.es == b.es && std::equal(a.vl, a.vl + a.vs, b.vl) && std::equal(a.v, a.v + a.vs + 1, b.v) &&
+         std::equal(a.e, a.e + a.es, b.e) && std::equal(a.el, a.el + a.es, b.el);
+}
+
+std::uint64_t step_hash(std::uint64_t key) {
+  key ^= key >> 31;
+  key *= 0x9e3779b97f4a7c15ull;
+  return key ^ (key >> 29);
+}
+
+}  // namespace
+
+FormStore::FormStore()
+    : records_(std::make_unique<std::atomic<StoredForm*>[]>(RECORD_CHUNKS)),
+      shards_(std::make_unique<Shard[]>(std::size_t{1} << SHARD_BITS)) {
+  for (std::size_t c = 0; c < RECORD_CHUNKS; ++c) records_[c].store(nullptr, std::memory_order_relaxed);
+  for (std::size_t k = 0; k < (std::size_t{1} << SHARD_BITS); ++k) shards_[k].buckets.assign(64, -1);
+}
+
+FormStore::~FormStore() {
+  for (std::size_t c = 0; c < RECORD_CHUNKS; ++c) delete[] records_[c].load(std::memory_order_relaxed);
+}
+
+void FormStore::share_steps() {
+  if (share_steps_) return;
+  share_steps_ = true;
+  step_shards_ = std::make_unique<StepShard[]>(std::size_t{1} << SHARD_BITS);
+  for (std::size_t k = 0; k < (std::size_t{1} << SHARD_BITS); ++k) step_shards_[k].entries.resize(256);
+}
+
+std::size_t FormStore::bytes() const {
+  const std::size_t chunks = (static_cast<std::size_t>(size()) + RECORD_CHUNK - 1) / RECORD_CHUNK;
+  std::size_t total = RECORD_CHUNKS * sizeof(StoredForm*) + chunks * RECORD_CHUNK * sizeof(StoredForm);
+  for (std::size_t k = 0; k < (std::size_t{1} << SHARD_BITS); ++k) {
+    Shard& s = shards_[k];
+    std::lock_guard<std::mutex> lock(s.mutex);
+    total += s.buckets.capacity() * sizeof(std::int32_t) + s.blocks.size() * ARRAY_BLOCK * sizeof(int);
+  }
+  if (share_steps_) {
+    for (std::size_t k = 0; k < (std::size_t{1} << SHARD_BITS); ++k) {
+      StepShard& s = step_shards_[k];
+      std::lock_guard<std::mutex> lock(s.mutex);
+      total += s.entries.capacity() * sizeof(StepEntry);
+    }
+  }
+  return total;
+}
+
+// The chunk that holds record f, made by whichever thread needs it first.
+StoredForm* FormStore::record_chunk(int f) {
+  std::atomic<StoredForm*>& slot = records_[static_cast<std::size_t>(f) >> RECORD_CHUNK_BITS];
+  StoredForm* chunk = slot.load(std::memory_order_acquire);
+  if (chunk != nullptr) return chunk;
+  auto made = std::make_unique<StoredForm[]>(RECORD_CHUNK);
+  if (slot.compare_exchange_strong(chunk, made.get(), std::memory_order_acq_rel)) return made.release();
+  return chunk;  // another thread made it first
+}
+
+int FormStore::find_or_add(const GraphView& g) {
+  const std::uint64_t hash = arrays_hash(g);
+  Shard& shard = shards_[hash >> (64 - SHARD_BITS)];
+  std::lock_guard<std::mutex> lock(shard.mutex);
+  std::size_t mask = shard.buckets.size() - 1;
+  std::size_t b = hash & mask;
+  for (; shard.buckets[b] >= 0; b = (b + 1) & mask) {
+    const int f = shard.buckets[b];
+    if (stored(f).hash == hash && same_arrays(view(f), g)) return f;
+  }
+  const std::size_t ints = 2 * static_cast<std::size_t>(g.vs) + 1 + 2 * static_cast<std::size_t>(g.es);
+  int* at;
+  if (ints > ARRAY_BLOCK) {
+    shard.blocks.push_back(std::make_unique_for_overwrite<int[]>(ints));
+    at = shard.blocks.back().get();
+    // The last block stays the one being filled.
+    if (shard.blocks.size() > 1) std::swap(shard.blocks.back(), shard.blocks[shard.blocks.size() - 2]);
+  } else {
+    if (shard.block_used + ints > ARRAY_BLOCK) {
+      shard.blocks.push_back(std::make_unique_for_overwrite<int[]>(ARRAY_BLOCK));
+      shard.block_used = 0;
+    }
+    at = shard.blocks.back().get() + shard.block_used;
+    shard.block_used += ints;
+  }
+  shard.ints += ints;
+  const int f = size_.fetch_add(1, std::memory_order_acq_rel);
+  // Indices are ints; the fragment table holds far fewer distinct fragments.
+  TAVRIX_CHECK(f >= 0 && static_cast<std::size_t>(f) < RECORD_CHUNKS * RECORD_CHUNK - 1);
+  StoredForm& s = record_chunk(f)[f & (RECORD_CHUNK - 1)];
+  s.arrays = at;
+  at = std::copy(g.vl, g.vl + g.vs, at);
+  at = std::copy(g.v, g.v + g.vs + 1, at);
+  at = std::copy(g.e, g.e + g.es, at);
+  std::copy(g.el, g.el + g.es, at);
+  s.hash = hash;
+  s.vs = g.vs;
+  s.es = g.es;
+  s.branching = false;
+  for (int i = 0; i < g.vs && !s.branching; ++i) s.branching = g.v[i + 1] - g.v[i] > 2;
+  s.key = compute_key(view(f));
+  shard.buckets[b] = f;
+  if (2 * static_cast<std::size_t>(++shard.forms) > shard.buckets.size()) {
+    std::vector<std::int32_t> old(2 * shard.buckets.size(), -1);
+    old.swap(shard.buckets);
+    mask = shard.buckets.size() - 1;
+    for (std::int32_t k : old) {
+      if (k < 0) continue;
+      std::size_t c = stored(k).hash & mask;
+      while (shard.buckets[c] >= 0) c = (c + 1) & mask;
+      shard.buckets[c] = k;
+    }
+  }
+  return f;
+}
+
+bool FormStore::find_step(int form, std::uint32_t key, SharedStep& step) {
+  const std::uint64_t k = static_cast<std::uint64_t>(form) << 32 | key | 0x80000000u;
+  const std::uint64_t h = step_hash(k);
+  StepShard& shard = step_shards_[h >> (64 - SHARD_BITS)];
+  std::lock_guard<std::mutex> lock(shard.mutex);
+  const std::size_t mask = shard.entries.size() - 1;
+  for (std::size_t b = h & mask; shard.entries[b].key != 0; b = (b + 1) & mask) {
+    if (shard.entries[b].key == k) {
+      step = shard.entries[b].step;
+      return true;
+    }
+  }
+  return false;
+}
+
+void FormStore::add_step(int form, std::uint32_t key, const SharedStep& step) {
+  if (steps_.load(std::memory_order_relaxed) >= MAX_SHARED_STEPS) return;
+  const std::uint64_t k = static_cast<std::uint64_t>(form) << 32 | key | 0x80000000u;
+  const std::uint64_t h = step_hash(k);
+  StepShard& shard = step_shards_[h >> (64 - SHARD_BITS)];
+  std::lock_guard<std::mutex> lock(shard.mutex);
+  std::size_t mask = shard.entries.size() - 1;
+  std::size_t b = h & mask;
+  for (; shard.entries[b].key != 0; b = (b + 1) & mask)
+    if (shard.entries[b].key == k) return;  // another counter shared it first
+  shard.entries[b] = StepEntry{k, step};
+  steps_.fetch_add(1, std::memory_order_relaxed);
+  if (4 * ++shard.used > 3 * shard.entries.size()) {
+    std::vector<StepEntry> old(2 * shard.entries.size());
+    old.swap(shard.entries);
+    mask = shard.entries.size() - 1;
+    for (const StepEntry& e : old) {
+      if (e.key == 0) continue;
+      std::size_t c = step_hash(e.key) & mask;
+      while (shard.entries[c].key != 0) c = (c + 1) & mask;
+      shard.entries[c] = e;
+    }
+  }
+}

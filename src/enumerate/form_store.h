@@ -1,0 +1,117 @@
+// Every distinct canonical form met in a run, shared by the threads that
+// count compounds.
+//
+// A form gets its index the first time any thread meets it; threads that
+// meet it later get the same index, so a thread's memory of growth steps and
+// labelled graphs can name forms by index, and the run hands compounds'
+// entries from thread to thread without translating them. The index says
+// nothing about input order: the run orders forms by first occurrence when
+// it merges compounds in input order.
+//
+// Adding and looking up take the lock of one of many shards, chosen by the
+// form's hash, so threads seldom wait for each other. Reading a form takes
+// none: a form never moves once added, and a thread only reads forms whose
+// index it got from this store or from a thread that did (through a lock or
+// a hand-over, which orders the reads after the writing).
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <atomic>
+#include <vector>
+
+#include "graph/graph.h"
+
+struct StoredForm {
+  const int* arrays = nullptr;  // vl, v, e, el one after the other
+  std::uint64_t hash = 0;       // of the arrays, for the index
+  int vs = 0;
+  int es = 0;
+  std::uint32_t key = 0;        // the table's hash key
+  bool branching = false;       // some atom carries three or more of its bonds
+};
+
+// A growth step out of a stable form, as one counter worked it out and
+// others may reuse it (see fragment_memo.h): the grown form, -1 when it is
+// not stable, and its moves.
+constexpr int SHARED_STEP_MOVES = 20;
+struct SharedStep {
+  std::int32_t grown = -1;
+  std::uint8_t moves[SHARED_STEP_MOVES] = {};
+};
+
+class FormStore {
+ public:
+  FormStore();
+  ~FormStore();
+  FormStore(const FormStore&) = delete;
+  FormStore& operator=(const FormStore&) = delete;
+
+  // The form's index, adding it when new.
+  int find_or_add(const GraphView& g);
+
+  const StoredForm& stored(int f) const {
+    return records_[static_cast<std::size_t>(f) >> RECORD_CHUNK_BITS].load(std::memory_order_acquire)[f & (RECORD_CHUNK - 1)];
+  }
+  GraphView view(int f) const {
+    const StoredForm& s = stored(f);
+    const int* v = s.arrays + s.vs;
+    const int* e = v + s.vs + 1;
+    return GraphView{s.vs, s.es, s.key, v, e, e + s.es, s.arrays};
+  }
+  // Counters on several threads also pool the growth steps they work out,
+  // so that each step is labelled about once in the run rather than once per
+  // thread. Set before the counters start.
+  void share_steps();
+  bool shares_steps() const { return share_steps_; }
+  // The step `key` out of `form`, when some counter shared it.
+  bool find_step(int form, std::uint32_t key, SharedStep& step);
+  // Shares a step; past a bound on its memory the store keeps no more.
+  void add_step(int form, std::uint32_t key, const SharedStep& step);
+
+  // Forms added so far.
+  int size() const { return size_.load(std::memory_order_acquire); }
+  // About the bytes the store holds.
+  std::size_t bytes() const;
+
+ private:
+  // Records lie in chunks that never move; the table of chunks has room for
+  // more forms than an int can number, so it never grows either.
+  static constexpr int RECORD_CHUNK_BITS = 16;
+  static constexpr int RECORD_CHUNK = 1 << RECORD_CHUNK_BITS;
+  static constexpr std::size_t RECORD_CHUNKS = std::size_t{1} << (31 - RECORD_CHUNK_BITS);
+  // The arrays lie in blocks of this many ints (a form larger than a block
+  // gets one of its own).
+  static constexpr std::size_t ARRAY_BLOCK = std::size_t{1} << 16;
+  static constexpr int SHARD_BITS = 6;
+
+  struct StepEntry {
+    std::uint64_t key = 0;  // form << 32 | step key | 1 << 31; 0 for an empty entry
+    SharedStep step;
+  };
+  struct StepShard {
+    std::mutex mutex;
+    std::vector<StepEntry> entries;
+    std::size_t used = 0;
+  };
+  static constexpr std::size_t MAX_SHARED_STEPS = std::size_t{1} << 22;
+
+  struct Shard {
+    std::mutex mutex;
+    std::vector<std::int32_t> buckets;  // open addressing by the arrays' hash; -1 for an empty bucket
+    int forms = 0;
+    std::vector<std::unique_ptr<int[]>> blocks;
+    std::size_t block_used = ARRAY_BLOCK;  // ints used in the last block
+    std::size_t ints = 0;
+  };
+
+  StoredForm* record_chunk(int f);
+
+  std::unique_ptr<std::atomic<StoredForm*>[]> records_;
+  std::atomic<int> size_{0};
+  std::unique_ptr<Shard[]> shards_;
+  bool share_steps_ = false;
+  std::unique_ptr<StepShard[]> step_shards_;
+  std::atomic<std::size_t> steps_{0};
+};
