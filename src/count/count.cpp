@@ -18,6 +18,7 @@
 #include <new>
 #include <thread>
 
+#include "common/parallel.h"
 #include "common/progress.h"
 #include "enumerate/fragment_counter.h"
 #include "output/output.h"
@@ -150,6 +151,7 @@ void merge_batch(Batch& b, Merge& m, CountedRun& run) {
   if (b.out_of_memory) throw std::bad_alloc();
   // Forms are added to the store before the batch that met them is done.
   run.support.resize(run.store.size(), 0);
+  run.batch_start.push_back(run.spill.size);
   int begin = 0;
   for (int k = 0; k < b.size; ++k) {
     const int end = b.entry_end[k];
@@ -311,8 +313,44 @@ void count_compounds(CompoundStream& input, const CountOptions& options, Counted
   }
 }
 
+namespace {
+
+// Records formatted at a time: enough to share out among threads, few enough
+// that the buffers stay a few megabytes.
+constexpr std::size_t RECORD_WINDOW = 8192;
+
+// The records of `forms`, in that order, formatted on up to `threads`
+// threads a window at a time and written in order. A record that cannot be
+// written ends the run once what comes before it is written, as one thread
+// writing record after record would.
+void write_records(const std::vector<int>& forms, const CountedRun& run, const Numbering& numbering, bool mol2,
+                   const LabelDictionary& dict, int threads, std::FILE* structure, std::vector<std::string>& parts) {
+  for (std::size_t from = 0; from < forms.size(); from += RECORD_WINDOW) {
+    const std::size_t to = std::min(forms.size(), from + RECORD_WINDOW);
+    const int n = static_cast<int>(std::clamp<std::size_t>((to - from) / 1024, 1, static_cast<std::size_t>(threads)));
+    parts.resize(std::max<std::size_t>(parts.size(), n));
+    std::vector<char> fine(n, 1);
+    run_parts(n, [&](int p) {
+      std::string& out = parts[p];
+      out.clear();
+      const std::size_t lo = from + (to - from) * p / n, hi = from + (to - from) * (p + 1) / n;
+      for (std::size_t k = lo; k < hi && fine[p]; ++k) {
+        const int f = forms[k];
+        fine[p] = mol2 ? format_mol2_fragment(numbering.id[f], run.store.view(f), dict, out)
+                       : format_sd_fragment(numbering.id[f], run.store.view(f), dict, out);
+      }
+    });
+    for (int p = 0; p < n; ++p) {
+      std::fwrite(parts[p].data(), 1, parts[p].size(), structure);
+      if (!fine[p]) fatal_error("problem with the graph\n");
+    }
+  }
+}
+
+}  // namespace
+
 void number_forms(const CountedRun& run, const RunSettings& settings, const LabelDictionary& dict, bool announce,
-                  std::FILE* structure, const std::string& structure_name, Numbering& numbering) {
+                  std::FILE* structure, const std::string& structure_name, Numbering& numbering, int threads) {
   const int forms = run.store.size();
   numbering.id.assign(forms, 0);
   numbering.descriptor.assign(forms, 0);
@@ -320,6 +358,8 @@ void number_forms(const CountedRun& run, const RunSettings& settings, const Labe
   SlotOccupancy occupancy;
   create_occupancy(occupancy);
   std::vector<std::pair<int, int>> placed;  // (slot, form)
+  std::vector<int> described;               // forms of this length that are descriptors, in slot order
+  std::vector<std::string> parts;
   // A 64-bit counter: lmax may be the largest int.
   for (long long t = settings.lmin; t <= settings.lmax; ++t) {
     if (announce) std::printf("threshold = %d\n", static_cast<int>(t));
@@ -331,13 +371,14 @@ void number_forms(const CountedRun& run, const RunSettings& settings, const Labe
       }
     }
     std::sort(placed.begin(), placed.end());
+    described.clear();
     for (const auto& [slot, f] : placed) {
       if (run.support[f] < settings.fmin) continue;
       numbering.descriptor[f] = ++numbering.descriptors;
-      if (structure == nullptr) continue;
-      if (settings.mol2input) write_mol2_fragment(numbering.id[f], run.store.view(f), dict, structure);
-      else write_sd_fragment(numbering.id[f], run.store.view(f), dict, structure);
+      described.push_back(f);
     }
+    if (structure != nullptr)
+      write_records(described, run, numbering, settings.mol2input, dict, std::max(threads, 1), structure, parts);
     // A lost write is reported with the length it belongs to.
     if (structure != nullptr) check_written(structure, structure_name);
     if (announce)
@@ -345,41 +386,43 @@ void number_forms(const CountedRun& run, const RunSettings& settings, const Labe
   }
 }
 
-void start_rows(CountedRun& run, RowReader& rows) {
-  rows = RowReader{};
+void start_batch_rows(const CountedRun& run, std::size_t first, std::size_t last, RowReader& rows) {
   rows.run = &run;
-  rows.left = run.spill.size;
-  if (run.spill.file) {
-    std::rewind(run.spill.file.get());
-    rows.buffer.resize(1 << 20);
-  }
+  rows.at = rows.end = 0;
+  rows.next = first < run.batch_start.size() ? run.batch_start[first] : run.spill.size;
+  rows.stop = last < run.batch_start.size() ? run.batch_start[last] : run.spill.size;
+  if (run.spill.file) rows.buffer.resize(1 << 20);
 }
+
+void start_rows(const CountedRun& run, RowReader& rows) { start_batch_rows(run, 0, run.batch_start.size(), rows); }
 
 namespace {
 
 int next_byte(RowReader& r) {
   if (r.at == r.end) {
     const Spill& s = r.run->spill;
-    if (r.left == 0) return -1;
+    if (r.next >= r.stop) return -1;
+    const std::uint64_t left = r.stop - r.next;
     if (!s.file) {
       // In memory: a block at a time, where the bytes lie.
-      const std::uint64_t from = s.size - r.left;
-      const std::size_t block = static_cast<std::size_t>(from >> SPILL_BLOCK_BITS);
+      const std::size_t offset = static_cast<std::size_t>(r.next & (SPILL_BLOCK - 1));
+      r.bytes = s.blocks[static_cast<std::size_t>(r.next >> SPILL_BLOCK_BITS)].get();
+      r.at = offset;
+      r.end = offset + static_cast<std::size_t>(std::min<std::uint64_t>(left, SPILL_BLOCK - offset));
+    } else {
+      // pread: readers of other ranges share the file.
+      const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(left, r.buffer.size()));
+      const ssize_t got = pread(fileno(s.file.get()), r.buffer.data(), want, static_cast<off_t>(r.next));
+      if (got <= 0)
+        fatal_error(format_text("can't read a temporary file in '%s': %s\n", s.directory.c_str(),
+                                got < 0 ? std::strerror(errno) : "it is shorter than written"));
+      r.bytes = r.buffer.data();
       r.at = 0;
-      r.end = static_cast<std::size_t>(std::min<std::uint64_t>(r.left, SPILL_BLOCK));
-      r.left -= r.end;
-      r.memory_block = s.blocks[block].get();
-      return r.memory_block[r.at++];
+      r.end = static_cast<std::size_t>(got);
     }
-    const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(r.left, r.buffer.size()));
-    const std::size_t got = std::fread(r.buffer.data(), 1, want, s.file.get());
-    if (got == 0)
-      fatal_error(format_text("can't read a temporary file in '%s': %s\n", s.directory.c_str(), std::strerror(errno)));
-    r.at = 0;
-    r.end = got;
-    r.left -= got;
+    r.next += r.end - r.at;
   }
-  return r.run->spill.file ? r.buffer[r.at++] : r.memory_block[r.at++];
+  return r.bytes[r.at++];
 }
 
 std::uint64_t next_number(RowReader& r) {
@@ -395,7 +438,7 @@ std::uint64_t next_number(RowReader& r) {
 }  // namespace
 
 bool next_row(RowReader& rows, const Numbering& numbering, std::string& name, DescriptorPairs& pairs) {
-  if (rows.at == rows.end && rows.left == 0) return false;
+  if (rows.at == rows.end && rows.next >= rows.stop) return false;
   const std::uint64_t length = next_number(rows);
   name.resize(length);
   for (std::uint64_t i = 0; i < length; ++i) name[i] = static_cast<char>(next_byte(rows));

@@ -55,6 +55,9 @@ struct CountedRun {
   std::vector<int> support;                 // per form: compounds holding it
   std::vector<std::vector<int>> by_length;  // per length in bonds: its forms in order of first occurrence
   Spill spill;                              // per compound: name and (form, count) entries
+  // Where in the spill each merged batch of compounds begins, so that rows
+  // can be read back in ranges on several threads: a few bytes per batch.
+  std::vector<std::uint64_t> batch_start;
   int compounds = 0;
   long long fragments = 0;                  // occurrences counted
 };
@@ -75,19 +78,25 @@ struct Numbering {
 
 // Numbers every length; with `announce`, prints the two lines of each length
 // on standard output; writes each descriptor's record to structure when set
-// (named structure_name in the message of a lost write).
+// (named structure_name in the message of a lost write), formatting the
+// records on up to `threads` threads.
 void number_forms(const CountedRun& run, const RunSettings& settings, const LabelDictionary& dict, bool announce,
-                  std::FILE* structure, const std::string& structure_name, Numbering& numbering);
+                  std::FILE* structure, const std::string& structure_name, Numbering& numbering, int threads = 1);
 
-// Reading the compounds back, in input order, with their descriptors.
+// Reading the compounds back, in input order, with their descriptors. Several
+// readers may read one run at once, each its own range of the spill.
 struct RowReader {
   const CountedRun* run = nullptr;
   std::vector<std::uint8_t> buffer;
-  const std::uint8_t* memory_block = nullptr;  // the spill's block being read, when in memory
+  const std::uint8_t* bytes = nullptr;  // the buffer, or the spill's block being read when in memory
   std::size_t at = 0, end = 0;
-  std::uint64_t left = 0;  // bytes not yet in the buffer
+  std::uint64_t next = 0;   // spill offset of the first byte not yet at `bytes`
+  std::uint64_t stop = 0;   // spill offset where this reader's range ends
 };
-void start_rows(CountedRun& run, RowReader& rows);
+// Every row, from the first compound.
+void start_rows(const CountedRun& run, RowReader& rows);
+// The rows of the merged batches first .. last - 1 (see batch_start).
+void start_batch_rows(const CountedRun& run, std::size_t first, std::size_t last, RowReader& rows);
 bool next_row(RowReader& rows, const Numbering& numbering, std::string& name, DescriptorPairs& pairs);
 
 // The processors this process may run on: its CPU affinity, and a cgroup CPU

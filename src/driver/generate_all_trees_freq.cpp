@@ -47,11 +47,11 @@ int run(int argc, char** argv) {
   CountedRun counted;
   count_compounds(input, options, counted);
   Numbering numbering;
-  number_forms(counted, settings, input.dictionary, true, structure.get(), structure_name, numbering);
+  number_forms(counted, settings, input.dictionary, true, structure.get(), structure_name, numbering, options.threads);
   close_written(structure, structure_name);
   std::printf("total features stored after freq elimination = %d\n", numbering.descriptors);
   input.dictionary = {};
-  write_descriptor_rows(settings.outfstem, counted, numbering);
+  write_descriptor_rows(settings.outfstem, counted, numbering, options.threads);
   remove_dictionary_file(settings.infile);
   return 1;
 }

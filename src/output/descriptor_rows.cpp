@@ -5,9 +5,40 @@
 
 #include "output/output.h"
 
+#include "common/parallel.h"
 #include "common/progress.h"
 
-void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const Numbering& numbering) {
+namespace {
+
+// Batches of compounds (as the count merged them) formatted at a time: enough
+// to share out among threads, few enough that the lines stay a few megabytes.
+constexpr std::size_t ROW_WINDOW = 64;
+
+void append_line(const std::string& name, const DescriptorPairs& pairs, std::string& out) {
+  // As "%s" writes a name: up to a NUL byte.
+  const std::size_t name_length = std::strlen(name.c_str());
+  // Quotes, commas and at most 11 characters per number.
+  const std::size_t start = out.size();
+  out.resize(start + name_length + 16 + pairs.size() * 24);
+  char* at = out.data() + start;
+  *at++ = '"';
+  at = std::copy_n(name.data(), name_length, at);
+  *at++ = '"';
+  *at++ = ',';
+  at = std::to_chars(at, at + 11, static_cast<int>(pairs.size())).ptr;
+  for (const auto& [number, count] : pairs) {
+    *at++ = ',';
+    at = std::to_chars(at, at + 11, number).ptr;
+    *at++ = ',';
+    at = std::to_chars(at, at + 11, count).ptr;
+  }
+  *at++ = '\n';
+  out.resize(static_cast<std::size_t>(at - out.data()));
+}
+
+}  // namespace
+
+void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const Numbering& numbering, int threads) {
   // Megabytes of lines: fewer, larger writes. glibc takes the size only
   // together with a buffer, and the buffer must outlive the stream.
   std::vector<char> buffer(1 << 20);
@@ -17,32 +48,33 @@ void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const N
   std::fputs("Descriptors generated : writing id and frequency files\n", stdout);
   Progress progress;  // a line on standard error, only when it is a terminal
   progress_start_writing(progress, run.compounds);
+  threads = std::max(threads, 1);
+  std::vector<RowReader> readers(threads);
+  std::vector<std::string> lines(threads);
+  std::vector<int> rows(threads);
   int written = 0;
-  RowReader rows;
-  start_rows(run, rows);
-  std::string name;
-  DescriptorPairs pairs;
-  std::vector<char> line;
-  while (next_row(rows, numbering, name, pairs)) {
-    // As "%s" writes a name: up to a NUL byte.
-    const std::size_t name_length = std::strlen(name.c_str());
-    // Quotes, commas and at most 11 characters per number.
-    line.resize(name_length + 16 + pairs.size() * 24);
-    char* at = line.data();
-    *at++ = '"';
-    at = std::copy_n(name.data(), name_length, at);
-    *at++ = '"';
-    *at++ = ',';
-    at = std::to_chars(at, at + 11, static_cast<int>(pairs.size())).ptr;
-    for (const auto& [number, count] : pairs) {
-      *at++ = ',';
-      at = std::to_chars(at, at + 11, number).ptr;
-      *at++ = ',';
-      at = std::to_chars(at, at + 11, count).ptr;
+  const std::size_t batches = run.batch_start.size();
+  for (std::size_t first = 0; first < batches; first += ROW_WINDOW) {
+    const std::size_t last = std::min(batches, first + ROW_WINDOW);
+    const int parts = static_cast<int>(std::clamp<std::size_t>((last - first) / 4, 1, threads));
+    run_parts(parts, [&](int p) {
+      const std::size_t from = first + (last - first) * p / parts, to = first + (last - first) * (p + 1) / parts;
+      RowReader& reader = readers[p];
+      start_batch_rows(run, from, to, reader);
+      std::string name;
+      DescriptorPairs pairs;
+      lines[p].clear();
+      rows[p] = 0;
+      while (next_row(reader, numbering, name, pairs)) {
+        append_line(name, pairs, lines[p]);
+        ++rows[p];
+      }
+    });
+    for (int p = 0; p < parts; ++p) {
+      std::fwrite(lines[p].data(), 1, lines[p].size(), out.get());
+      written += rows[p];
     }
-    *at++ = '\n';
-    std::fwrite(line.data(), 1, static_cast<std::size_t>(at - line.data()), out.get());
-    progress_update(progress, ++written, 0);
+    progress_update(progress, written, 0);
   }
   progress_finish(progress);
   close_written(out, path);

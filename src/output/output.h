@@ -11,7 +11,11 @@
 #include "graph/graph.h"
 
 // One SD record (or Mol2 record) for the fragment g, its name line the
-// fragment's id.
+// fragment's id, appended to out; false when the fragment's two directions of
+// a bond disagree on its label, with the record up to there appended.
+bool format_sd_fragment(int id, const GraphView& g, const LabelDictionary& dict, std::string& out);
+bool format_mol2_fragment(int id, const GraphView& g, const LabelDictionary& dict, std::string& out);
+// The same written to stream, ending the run on a disagreement.
 void write_sd_fragment(int id, const GraphView& g, const LabelDictionary& dict, std::FILE* stream);
 void write_mol2_fragment(int id, const GraphView& g, const LabelDictionary& dict, std::FILE* stream);
 inline void write_sd_fragment(int id, const Graph& g, const LabelDictionary& dict, std::FILE* stream) {
@@ -22,5 +26,5 @@ inline void write_mol2_fragment(int id, const Graph& g, const LabelDictionary& d
 }
 
 // Writes outfstem + ".out" from the counted compounds: one line per compound
-// with its descriptor numbers and counts.
-void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const Numbering& numbering);
+// with its descriptor numbers and counts, formatted on up to `threads` threads.
+void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const Numbering& numbering, int threads = 1);
