@@ -484,7 +484,7 @@ int threads_to_use() {
 
 std::size_t spill_limit_to_use() {
   const char* text = std::getenv("TAVRIX_SPILL_MB");
-  if (text == nullptr) return std::size_t{64} << 20;
+  if (text == nullptr) return std::size_t{32} << 20;
   long long n = 0;
   bool valid = *text != '\0';
   for (const char* p = text; *p != '\0' && valid; ++p) {

@@ -95,7 +95,7 @@ class FormStore {
     std::vector<StepEntry> entries;
     std::size_t used = 0;
   };
-  static constexpr std::size_t MAX_SHARED_STEPS = std::size_t{1} << 22;
+  static constexpr std::size_t MAX_SHARED_STEPS = std::size_t{1} << 19;
 
   struct Shard {
     std::mutex mutex;

@@ -65,7 +65,10 @@ FragmentCounter::FragmentCounter(int lmin, int lmax, int opt, FormStore* store)
 void FragmentCounter::know(int f) {
   FragmentMemo& m = memo_;
   if (f < static_cast<int>(m.hot.size())) return;
-  const std::size_t size = std::max<std::size_t>(static_cast<std::size_t>(f) + 1, 2 * m.hot.size());
+  // Room for the forms the store has now and a quarter more: the store
+  // grows with every counter's forms, this counter meets most of them.
+  const std::size_t size =
+      std::max<std::size_t>(static_cast<std::size_t>(f) + 1, static_cast<std::size_t>(store_->size()) * 5 / 4 + 1024);
   m.hot.resize(size);
   m.steps_used.resize(size, 0);
   m.last_compound.resize(size, -1);
