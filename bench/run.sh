@@ -2,8 +2,11 @@
 # One-command benchmark: builds Tavrix (Release) in build-bench, runs it on the
 # shipped inputs and prints wall time (median of 5), peak resident memory,
 # fragments per second and, when perf is available, where the time goes;
-# then tavrix-apply with the space of the nci5k run on nci5k beside that run,
-# and RDKit's count fingerprint of the same compounds and the ratio.
+# then one thread beside the default threads on nci5k, tavrix-apply with the
+# space of the nci5k run on nci5k beside that run, and RDKit's count
+# fingerprint of the same compounds and the ratio. LARGE=FILE adds runs on a
+# large set (one made by make_large.py, for instance) with one thread and the
+# default threads: time and peak memory.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(dirname "$here")
@@ -72,6 +75,36 @@ bench "nci5k.sdf -ds TF" nci5k.sdf -lmax 7 -ds TF
 bench "nci5k.sdf -ds PF" nci5k.sdf -lmax 7 -ds PF
 bench "nci200 (Mol2)" nci200.mol2 -lmax 7
 tavrix=$(cat "$work/nci5k.sdf -ds QZ.time")
+
+# One thread beside the default threads, turn about, so that both meet the
+# same machine; the files must come out the same.
+side_by_side() {  # dir input args...
+  local dir=$1 input=$2; shift 2
+  local t1=() m1=() tn=() mn=() t m
+  for ((i = 0; i < runs; ++i)); do
+    (cd "$dir" && TAVRIX_THREADS=1 /usr/bin/time -f "%e %M" -o one.txt "$bin" -ofile one "$@" "$input" > /dev/null) || true
+    (cd "$dir" && /usr/bin/time -f "%e %M" -o all.txt "$bin" -ofile all "$@" "$input" > /dev/null) || true
+    read -r t m < <(tail -n 1 "$dir/one.txt"); t1+=("$t"); m1+=("$m")
+    read -r t m < <(tail -n 1 "$dir/all.txt"); tn+=("$t"); mn+=("$m")
+  done
+  cmp -s "$dir/one.out" "$dir/all.out" && cmp -s "$dir/one_frag.sdf" "$dir/all_frag.sdf" ||
+    echo "  the runs on one and on every thread differ"
+  local a b
+  a=$(printf '%s\n' "${t1[@]}" | median); b=$(printf '%s\n' "${tn[@]}" | median)
+  printf '  %-22s %7.2f s  %5d MB\n' "1 thread" "$a" $(($(printf '%s\n' "${m1[@]}" | sort -n | tail -1) / 1024))
+  printf '  %-22s %7.2f s  %5d MB\n' "$threads threads" "$b" $(($(printf '%s\n' "${mn[@]}" | sort -n | tail -1) / 1024))
+  awk -v a="$a" -v b="$b" 'BEGIN {printf "  default / one thread = %.2f\n", (a > 0 ? b / a : 0)}'
+  rm -f "$dir"/one* "$dir"/all*
+}
+threads=$(nproc)
+echo "nci5k.sdf -lmax 7, one thread and the default ($threads), turn about, median of $runs runs:"
+dir=$work/threads; mkdir -p "$dir"; cp "$work/nci5k.sdf" "$dir/"
+side_by_side "$dir" nci5k.sdf -lmax 7
+if [ -n "${LARGE:-}" ]; then
+  echo "$(basename "$LARGE") -lmax 7, one thread and the default ($threads), median of $runs runs:"
+  dir=$work/large; mkdir -p "$dir"; ln -s "$(realpath "$LARGE")" "$dir/$(basename "$LARGE")"
+  side_by_side "$dir" "$(basename "$LARGE")" -lmax 7
+fi
 
 # tavrix-apply with the structure file of the nci5k run (-lmax 7), applied to
 # nci5k itself, beside that run, turn about; the descriptor file must come

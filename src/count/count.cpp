@@ -295,6 +295,14 @@ void count_all(CompoundStream& input, const CountOptions& o, CountedRun& run) {
 
 }  // namespace
 
+CountOptions count_options(const RunSettings& settings) {
+  CountOptions options;
+  options.lmin = settings.lmin;
+  options.lmax = settings.lmax;
+  options.opt = settings.opt;
+  return options;
+}
+
 void count_compounds(CompoundStream& input, const CountOptions& options, CountedRun& run) {
   if (options.threads > 1) run.store.share_steps();
   run.spill.limit = options.spill_limit;

@@ -50,6 +50,10 @@ struct CountOptions {
   bool progress = false;            // the progress line on a terminal's standard error
 };
 
+// The lengths and fragment type of a run's settings; one thread, the
+// default spill bound, spill in the current folder, no progress line.
+CountOptions count_options(const RunSettings& settings);
+
 struct CountedRun {
   FormStore store;                          // every form met, shared by the workers' counters
   std::vector<int> support;                 // per form: compounds holding it

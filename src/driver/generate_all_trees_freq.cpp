@@ -27,10 +27,7 @@ std::string stem_folder(const std::string& stem) {
 
 int run(int argc, char** argv) {
   const RunSettings settings = parse_arguments(argc, argv);
-  CountOptions options;
-  options.lmin = settings.lmin;
-  options.lmax = settings.lmax;
-  options.opt = settings.opt;
+  CountOptions options = count_options(settings);
   options.threads = threads_to_use();
   options.spill_limit = spill_limit_to_use();
   options.spill_directory = stem_folder(settings.outfstem);

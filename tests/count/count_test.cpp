@@ -70,10 +70,7 @@ Outcome plain(const CompoundInput& input, const RunSettings& s) {
 Outcome counted(const std::string& text, const RunSettings& s, int threads, std::size_t spill) {
   CompoundStream stream;
   open_compounds_in_memory(s, InputSource{"compounds", &text}, stream);
-  CountOptions options;
-  options.lmin = s.lmin;
-  options.lmax = s.lmax;
-  options.opt = s.opt;
+  CountOptions options = count_options(s);
   options.threads = threads;
   options.spill_limit = spill;
   options.spill_directory = "/tmp";
