@@ -39,12 +39,16 @@ constexpr std::size_t MEMO_FLOOR = std::size_t{32} << 20;
 
 // ---- Numbers in bytes ----
 
-void put_number(std::vector<std::uint8_t>& out, std::uint64_t x) {
+// Seven bits a byte, low bits first, the high bit set on all but the last;
+// at most ten bytes.
+constexpr std::size_t MAX_NUMBER_BYTES = 10;
+std::uint8_t* put_number(std::uint8_t* at, std::uint64_t x) {
   while (x >= 0x80) {
-    out.push_back(static_cast<std::uint8_t>(x | 0x80));
+    *at++ = static_cast<std::uint8_t>(x | 0x80);
     x >>= 7;
   }
-  out.push_back(static_cast<std::uint8_t>(x));
+  *at++ = static_cast<std::uint8_t>(x);
+  return at;
 }
 
 // ---- The spill ----
@@ -69,8 +73,8 @@ FilePtr open_temporary(const std::string& directory) {
 
 constexpr std::size_t SPILL_BLOCK = std::size_t{1} << SPILL_BLOCK_BITS;
 
-void spill_append(Spill& s, const std::vector<std::uint8_t>& bytes) {
-  if (!s.file && s.size + bytes.size() > s.limit) {
+void spill_append(Spill& s, const std::uint8_t* bytes, std::size_t size) {
+  if (!s.file && s.size + size > s.limit) {
     s.file = open_temporary(s.directory);
     s.file_buffer.resize(1 << 20);
     std::setvbuf(s.file.get(), s.file_buffer.data(), _IOFBF, s.file_buffer.size());
@@ -80,16 +84,16 @@ void spill_append(Spill& s, const std::vector<std::uint8_t>& bytes) {
     s.blocks.clear();
   }
   if (s.file) {
-    std::fwrite(bytes.data(), 1, bytes.size(), s.file.get());
-    s.size += bytes.size();
+    std::fwrite(bytes, 1, size, s.file.get());
+    s.size += size;
     return;
   }
   std::size_t done = 0;
-  while (done < bytes.size()) {
+  while (done < size) {
     const std::size_t offset = static_cast<std::size_t>(s.size & (SPILL_BLOCK - 1));
     if (offset == 0) s.blocks.push_back(std::make_unique_for_overwrite<std::uint8_t[]>(SPILL_BLOCK));
-    const std::size_t n = std::min(bytes.size() - done, SPILL_BLOCK - offset);
-    std::memcpy(s.blocks.back().get() + offset, bytes.data() + done, n);
+    const std::size_t n = std::min(size - done, SPILL_BLOCK - offset);
+    std::memcpy(s.blocks.back().get() + offset, bytes + done, n);
     done += n;
     s.size += n;
   }
@@ -152,14 +156,18 @@ void merge_batch(Batch& b, Merge& m, CountedRun& run) {
   // Forms are added to the store before the batch that met them is done.
   run.support.resize(run.store.size(), 0);
   run.batch_start.push_back(run.spill.size);
+  // The whole batch encoded at once: room for every number at its longest.
+  std::size_t room = 0;
+  for (int k = 0; k < b.size; ++k) room += 2 * MAX_NUMBER_BYTES + b.names[k].size();
+  room += 2 * MAX_NUMBER_BYTES * b.entries.size();
+  if (m.bytes.size() < room) m.bytes.resize(std::max(room, 2 * m.bytes.size()));
+  std::uint8_t* out = m.bytes.data();
   int begin = 0;
   for (int k = 0; k < b.size; ++k) {
     const int end = b.entry_end[k];
-    std::vector<std::uint8_t>& out = m.bytes;
-    out.clear();
-    put_number(out, b.names[k].size());
-    out.insert(out.end(), b.names[k].begin(), b.names[k].end());
-    put_number(out, static_cast<std::uint64_t>(end - begin));
+    out = put_number(out, b.names[k].size());
+    out = std::copy(b.names[k].begin(), b.names[k].end(), out);
+    out = put_number(out, static_cast<std::uint64_t>(end - begin));
     for (int p = begin; p < end; ++p) {
       const int g = b.entries[p].form;
       if (run.support[g]++ == 0) {
@@ -167,12 +175,12 @@ void merge_batch(Batch& b, Merge& m, CountedRun& run) {
         if (run.by_length.size() <= length) run.by_length.resize(length + 1);
         run.by_length[length].push_back(g);
       }
-      put_number(out, static_cast<std::uint64_t>(g));
-      put_number(out, static_cast<std::uint64_t>(b.entries[p].count));
+      out = put_number(out, static_cast<std::uint64_t>(g));
+      out = put_number(out, static_cast<std::uint64_t>(b.entries[p].count));
     }
-    spill_append(run.spill, out);
     begin = end;
   }
+  spill_append(run.spill, m.bytes.data(), static_cast<std::size_t>(out - m.bytes.data()));
   run.compounds += b.size;
   run.fragments += b.fragments;
 }
@@ -434,6 +442,15 @@ int next_byte(RowReader& r) {
 }
 
 std::uint64_t next_number(RowReader& r) {
+  if (r.end - r.at >= MAX_NUMBER_BYTES) {
+    // The common case: the whole number is at hand.
+    std::uint64_t x = 0;
+    for (int shift = 0;; shift += 7) {
+      const std::uint8_t byte = r.bytes[r.at++];
+      x |= static_cast<std::uint64_t>(byte & 0x7f) << shift;
+      if ((byte & 0x80) == 0) return x;
+    }
+  }
   std::uint64_t x = 0;
   for (int shift = 0;; shift += 7) {
     const int byte = next_byte(r);

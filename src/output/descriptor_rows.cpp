@@ -14,13 +14,19 @@ namespace {
 // to share out among threads, few enough that the lines stay a few megabytes.
 constexpr std::size_t ROW_WINDOW = 64;
 
-void append_line(const std::string& name, const DescriptorPairs& pairs, std::string& out) {
+// Lines in a buffer that only grows, so that room is not cleared line by line.
+struct Lines {
+  std::vector<char> bytes;
+  std::size_t used = 0;
+};
+
+void append_line(const std::string& name, const DescriptorPairs& pairs, Lines& out) {
   // As "%s" writes a name: up to a NUL byte.
   const std::size_t name_length = std::strlen(name.c_str());
   // Quotes, commas and at most 11 characters per number.
-  const std::size_t start = out.size();
-  out.resize(start + name_length + 16 + pairs.size() * 24);
-  char* at = out.data() + start;
+  const std::size_t room = out.used + name_length + 16 + pairs.size() * 24;
+  if (out.bytes.size() < room) out.bytes.resize(std::max(room, 2 * out.bytes.size()));
+  char* at = out.bytes.data() + out.used;
   *at++ = '"';
   at = std::copy_n(name.data(), name_length, at);
   *at++ = '"';
@@ -33,7 +39,7 @@ void append_line(const std::string& name, const DescriptorPairs& pairs, std::str
     at = std::to_chars(at, at + 11, count).ptr;
   }
   *at++ = '\n';
-  out.resize(static_cast<std::size_t>(at - out.data()));
+  out.used = static_cast<std::size_t>(at - out.bytes.data());
 }
 
 }  // namespace
@@ -50,7 +56,7 @@ void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const N
   progress_start_writing(progress, run.compounds);
   threads = std::max(threads, 1);
   std::vector<RowReader> readers(threads);
-  std::vector<std::string> lines(threads);
+  std::vector<Lines> lines(threads);
   std::vector<int> rows(threads);
   int written = 0;
   const std::size_t batches = run.batch_start.size();
@@ -63,7 +69,7 @@ void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const N
       start_batch_rows(run, from, to, reader);
       std::string name;
       DescriptorPairs pairs;
-      lines[p].clear();
+      lines[p].used = 0;
       rows[p] = 0;
       while (next_row(reader, numbering, name, pairs)) {
         append_line(name, pairs, lines[p]);
@@ -71,7 +77,7 @@ void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const N
       }
     });
     for (int p = 0; p < parts; ++p) {
-      std::fwrite(lines[p].data(), 1, lines[p].size(), out.get());
+      std::fwrite(lines[p].bytes.data(), 1, lines[p].used, out.get());
       written += rows[p];
     }
     progress_update(progress, written, 0);
