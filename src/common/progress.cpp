@@ -92,6 +92,11 @@ void progress_start_writing(Progress& p, int n_compounds) {
   p.writing = true;
 }
 
+void progress_start_numbering(Progress& p, int n_fragments) {
+  progress_start(p, n_fragments, 0, 0);
+  p.numbering = true;
+}
+
 std::string progress_text(int lmin, int lmax, int done, int n, double fragments_per_second, double seconds_left) {
   const std::string lengths =
       lmin == lmax ? "length " + std::to_string(lmin) : "lengths " + std::to_string(lmin) + "-" + std::to_string(lmax);
@@ -110,7 +115,10 @@ void progress_update_at(Progress& p, int compounds_done, long long fragments_so_
   const double elapsed = duration<double>(now - p.start).count();
   const double rate = elapsed > 0 ? static_cast<double>(fragments_so_far) / elapsed : 0;
   const double left = compounds_done > 0 ? elapsed * (p.n - compounds_done) / compounds_done : -1;
-  if (p.writing)
+  if (p.numbering)
+    draw(p, "numbering and writing the structure file: " + std::to_string(compounds_done) + "/" + std::to_string(p.n) +
+                " fragments, done in ~" + time_text(left));
+  else if (p.writing)
     draw(p, "writing the descriptor file: " + std::to_string(compounds_done) + "/" + std::to_string(p.n) +
                 " compounds, done in ~" + time_text(left));
   else
@@ -127,6 +135,10 @@ void progress_update(Progress& p, int compounds_done, long long fragments_so_far
   p.countdown = p.stride;
   p.last_check = now;
   progress_update_at(p, compounds_done, fragments_so_far, now);
+}
+
+void progress_clear(Progress& p) {
+  if (p.enabled && p.shown > 0) clear(p);
 }
 
 void progress_finish(Progress& p) {

@@ -123,9 +123,10 @@ struct Worker {
 void count_batch(Worker& w, FormStore& store, const CountOptions& o, Batch& b) {
   try {
     RaiseFailures raise;
-    if (!w.counter || w.counter->memo_bytes() > std::max(MEMO_FLOOR, MEMO_BUDGET / std::max(o.threads, 1))) {
+    const std::size_t budget = std::max(MEMO_FLOOR, MEMO_BUDGET / std::max(o.threads, 1));
+    if (!w.counter || w.counter->memo_full() || w.counter->memo_bytes() > budget) {
       w.counter.reset();
-      w.counter = std::make_unique<FragmentCounter>(o.lmin, o.lmax, o.opt, &store);
+      w.counter = std::make_unique<FragmentCounter>(o.lmin, o.lmax, o.opt, &store, budget);
     }
     FragmentCounter& counter = *w.counter;
     const long long before = counter.fragments();
@@ -340,7 +341,8 @@ constexpr std::size_t RECORD_WINDOW = 8192;
 // written ends the run once what comes before it is written, as one thread
 // writing record after record would.
 void write_records(const std::vector<int>& forms, const CountedRun& run, const Numbering& numbering, bool mol2,
-                   const LabelDictionary& dict, int threads, std::FILE* structure, std::vector<std::string>& parts) {
+                   const LabelDictionary& dict, int threads, std::FILE* structure, std::vector<std::string>& parts,
+                   Progress& progress, int numbered_before) {
   for (std::size_t from = 0; from < forms.size(); from += RECORD_WINDOW) {
     const std::size_t to = std::min(forms.size(), from + RECORD_WINDOW);
     const int n = static_cast<int>(std::clamp<std::size_t>((to - from) / 1024, 1, static_cast<std::size_t>(threads)));
@@ -360,6 +362,7 @@ void write_records(const std::vector<int>& forms, const CountedRun& run, const N
       std::fwrite(parts[p].data(), 1, parts[p].size(), structure);
       if (!fine[p]) fatal_error("problem with the graph\n");
     }
+    progress_update(progress, numbered_before + static_cast<int>(to), 0);
   }
 }
 
@@ -376,9 +379,20 @@ void number_forms(const CountedRun& run, const RunSettings& settings, const Labe
   std::vector<std::pair<int, int>> placed;  // (slot, form)
   std::vector<int> described;               // forms of this length that are descriptors, in slot order
   std::vector<std::string> parts;
+  // The line on a terminal counts the fragments numbered, which the lines of
+  // each length on standard output interrupt.
+  Progress progress;
+  if (announce) {
+    long long n = 0;
+    for (long long t = std::max(settings.lmin, 0); t <= settings.lmax && t < static_cast<long long>(run.by_length.size()); ++t)
+      n += static_cast<long long>(run.by_length[t].size());
+    progress_start_numbering(progress, static_cast<int>(std::min<long long>(n, INT_MAX)));
+  }
   // A 64-bit counter: lmax may be the largest int.
   for (long long t = settings.lmin; t <= settings.lmax; ++t) {
+    progress_clear(progress);
     if (announce) std::printf("threshold = %d\n", static_cast<int>(t));
+    const int numbered_before = numbering.total;
     placed.clear();
     if (t >= 0 && t < static_cast<long long>(run.by_length.size())) {
       for (int f : run.by_length[t]) {
@@ -394,12 +408,16 @@ void number_forms(const CountedRun& run, const RunSettings& settings, const Labe
       described.push_back(f);
     }
     if (structure != nullptr)
-      write_records(described, run, numbering, settings.mol2input, dict, std::max(threads, 1), structure, parts);
+      write_records(described, run, numbering, settings.mol2input, dict, std::max(threads, 1), structure, parts,
+                    progress, numbered_before);
+    progress_update(progress, numbering.total, 0);
     // A lost write is reported with the length it belongs to.
     if (structure != nullptr) check_written(structure, structure_name);
+    progress_clear(progress);
     if (announce)
       std::printf("total upto this threshold = %d,value of k = %d\n", numbering.total, numbering.descriptors);
   }
+  progress_finish(progress);
 }
 
 void start_batch_rows(const CountedRun& run, std::size_t first, std::size_t last, RowReader& rows) {

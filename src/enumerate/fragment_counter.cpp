@@ -12,8 +12,8 @@
 
 namespace {
 
-// Bound the memo's memory whatever the input: past these, lookups go on but
-// nothing new is remembered (see also MAX_POOL).
+// Bound the memo's memory whatever the input: past these (or the caller's
+// smaller bound), lookups go on but nothing new is remembered.
 constexpr std::size_t MAX_LABELLED_BYTES = std::size_t{1} << 28;
 
 // Past this many buckets the pool takes no more steps.
@@ -47,8 +47,18 @@ std::size_t step_home(std::uint32_t key, std::uint32_t mask) {
 
 }  // namespace
 
-FragmentCounter::FragmentCounter(int lmin, int lmax, int opt, FormStore* store)
-    : lmin_(lmin), lmax_(lmax), opt_(opt), store_(store) {
+FragmentCounter::FragmentCounter(int lmin, int lmax, int opt, FormStore* store, std::size_t memo_limit)
+    : lmin_(lmin), lmax_(lmax), opt_(opt), store_(store), max_pool_(MAX_POOL),
+      max_labelled_bytes_(MAX_LABELLED_BYTES) {
+  // Half the bound for the step pool, whose last doubling holds the old and
+  // the new copy at once; a power of two times the first reservation, so
+  // that the pool's room stops exactly at its bound.
+  if (memo_limit > 0) {
+    std::size_t pool = std::size_t{1} << 16;
+    while (2 * pool * sizeof(StepBucket) <= memo_limit / 2 && 2 * pool <= MAX_POOL) pool *= 2;
+    max_pool_ = pool;
+    max_labelled_bytes_ = std::min(MAX_LABELLED_BYTES, memo_limit / 4);
+  }
   if (store_ == nullptr) {
     own_store_ = std::make_unique<FormStore>();
     store_ = own_store_.get();
@@ -114,7 +124,10 @@ void FragmentCounter::add_step(int form, std::uint32_t key, int grown, const std
       start = m.free_tables[size_class].back();
       m.free_tables[size_class].pop_back();
     } else {
-      if (m.pool.size() + size > MAX_POOL) return;
+      if (m.pool.size() + size > max_pool_) {
+        memo_full_ = true;
+        return;
+      }
       start = m.pool.size();
       m.pool.resize(start + size);
     }
@@ -454,7 +467,10 @@ void FragmentCounter::label_exactly(int n, bool remember) {
     return;
   }
   label_graph(n, child);
-  if (memo_.labelled_bytes + bytes_.size() > MAX_LABELLED_BYTES) return;
+  if (memo_.labelled_bytes + bytes_.size() > max_labelled_bytes_) {
+    memo_full_ = true;
+    return;
+  }
   int order = -1;
   if (grown_[n]) {
     order = static_cast<int>(memo_.orders.size());

@@ -33,7 +33,9 @@ class FragmentCounter {
   // type code: 1 every fragment, 2 those with an atom of three or more of
   // their bonds, 3 the others. Forms go to `store`, which counters on other
   // threads may share; without one the counter keeps a store of its own.
-  FragmentCounter(int lmin, int lmax, int opt, FormStore* store = nullptr);
+  // memo_limit bounds the bytes of the memo (0: the counter's own bounds);
+  // once it is reached nothing new is remembered and memo_full() says so.
+  FragmentCounter(int lmin, int lmax, int opt, FormStore* store = nullptr, std::size_t memo_limit = 0);
 
   // Appends the compound's entries for every length from lmin to lmax, in
   // ascending length, each length's distinct forms in order of first
@@ -47,6 +49,9 @@ class FragmentCounter {
   // The longest length with a fragment counted so far (0 for none).
   int longest() const { return longest_; }
   const FormStore& store() const { return *store_; }
+  // The memo refused to remember something for want of room: a caller that
+  // bounds memory starts a new counter.
+  bool memo_full() const { return memo_full_; }
   // About what the memo holds, in bytes (the store apart): it grows with
   // the distinct fragments met, and a caller that bounds memory starts a new
   // counter.
@@ -78,6 +83,9 @@ class FragmentCounter {
   std::unique_ptr<FormStore> own_store_;
   FormStore* store_;
   FragmentMemo memo_;
+  std::size_t max_pool_;            // step buckets
+  std::size_t max_labelled_bytes_;
+  bool memo_full_ = false;
   long long fragments_ = 0;
   int longest_ = 0;
 
