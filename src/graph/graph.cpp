@@ -1,4 +1,4 @@
-// Building, comparing and releasing the labelled graph record.
+// Building and comparing the labelled graph record.
 #include "graph/graph.h"
 
 #include <algorithm>
@@ -52,5 +52,3 @@ int find_vertex_by_id(int id, const Graph& g) {
     if (g.vid[i] == id) return i;
   fatal_error(format_text("graph lookup vid : can't find a vid in a graph %d\n", id));
 }
-
-void release_graph(Graph& g) { g = Graph{}; }  // move-assigning empties frees every array

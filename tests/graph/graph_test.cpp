@@ -1,4 +1,4 @@
-// The graph record: adjacency building, comparison and the edge lists.
+// The graph record: adjacency building and comparison.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -73,26 +73,6 @@ TEST(find_vertex_by_id, returns_the_first_match_or_ends_the_run) {
   g.vid = {4, 7, 7};
   EXPECT_EQ(find_vertex_by_id(7, g), 1);
   EXPECT_EXIT_WITH_OUTPUT(find_vertex_by_id(-1, g), 1, "^graph lookup vid : can't find a vid in a graph -1\n$");
-}
-
-TEST(edge_list, removed_slots_survive_copying_and_self_loops_go) {
-  Graph g = from_triples(3, {{0, 1, 0}, {1, 0, 0}, {1, 2, 0}, {2, 1, 0}});
-  EdgeList list = new_edge_list(g);
-  for (int i = 0; i < 3; ++i) add_node(list, -1);
-  add_node(list, 5);  // refused with a warning
-  EXPECT_EQ(list.nnode, 3);
-  add_edge(list, 1, 2);
-  add_edge(list, 2, 3);
-  remove_edge(list, 0);
-  EdgeList copy = new_edge_list(g);
-  copy_edge_list(list, copy);
-  EXPECT_EQ(copy.edge[0], std::make_pair(0, 0));
-  EXPECT_EQ(copy.nedge, 2);
-  EXPECT_EQ(copy.nlive, 1);
-  copy.edge[1] = {3, 3};
-  remove_self_loops(copy);
-  EXPECT_EQ(copy.nlive, 0);
-  EXPECT_EQ(list.nlive, 1);
 }
 
 }  // namespace
