@@ -1,4 +1,4 @@
-// Building and comparing the labelled graph record.
+// Building the labelled graph record.
 #include "graph/graph.h"
 
 #include <algorithm>
@@ -30,21 +30,6 @@ void build_adjacency(std::span<EdgeTriple> triples, Graph& g) {
   for (int i = g.vs - 1; i >= 1; --i) g.v[i] = g.v[i - 1];
   g.v[0] = 0;
   g.v[g.vs] = g.es;
-}
-
-int compare_graphs(const Graph& a, const Graph& b) {
-  if (a.es != b.es) return a.es - b.es;
-  if (a.vs != b.vs) return a.vs - b.vs;
-  if (a.key != b.key) return static_cast<std::int32_t>(a.key - b.key) < 0 ? -1 : 1;
-  for (int i = 0; i < a.vs; ++i) {
-    if (a.v[i] != b.v[i]) return a.v[i] - b.v[i];
-    if (a.vl[i] != b.vl[i]) return a.vl[i] - b.vl[i];
-  }
-  for (int j = 0; j < a.es; ++j) {
-    if (a.e[j] != b.e[j]) return a.e[j] - b.e[j];
-    if (a.el[j] != b.el[j]) return a.el[j] - b.el[j];
-  }
-  return 0;
 }
 
 int find_vertex_by_id(int id, const Graph& g) {

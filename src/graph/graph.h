@@ -51,10 +51,6 @@ struct EdgeTriple {
 // the run with the "duplicated edges" message. Resizes e, el, v as needed.
 void build_adjacency(std::span<EdgeTriple> triples, Graph& g);
 
-// 0 when the two canonically labelled graphs are identical in es, vs, key,
-// v, vl, e and el; ncell, vcell and vid take no part.
-int compare_graphs(const Graph& a, const Graph& b);
-
 // Smallest index whose vid is id, or the run ends with the lookup message.
 int find_vertex_by_id(int id, const Graph& g);
 

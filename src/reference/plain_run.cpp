@@ -56,6 +56,10 @@ bool branching(const Graph& f) {
 
 }  // namespace
 
+bool same_form(const Graph& a, const Graph& b) {
+  return a.vs == b.vs && a.es == b.es && a.key == b.key && a.v == b.v && a.e == b.e && a.el == b.el && a.vl == b.vl;
+}
+
 void plain_subtrees(const Graph& g, int length, const std::function<void(const EdgeSet&)>& emit) {
   SlotTable t;
   build_slot_table(g, t);
@@ -83,7 +87,7 @@ PlainRun plain_run(const std::vector<Graph>& compounds, int opt, int lmin, int l
         if (opt != 1 && branching(f) != (opt == 2)) return;
         canonical_label(f);
         int slot = home_slot(f.key);
-        while (slot_form[slot] != -1 && compare_graphs(forms[slot_form[slot]], f) != 0)
+        while (slot_form[slot] != -1 && !same_form(forms[slot_form[slot]], f))
           slot = (slot + 1) % HASHTBL_SIZE;
         if (slot_form[slot] == -1) {
           slot_form[slot] = static_cast<int>(forms.size());

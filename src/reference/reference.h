@@ -34,6 +34,10 @@ struct PlainRun {
   std::vector<std::vector<std::pair<int, int>>> rows;   // per compound: (descriptor number, count)
 };
 
+// Whether two labelled graphs are the same form: equal in vs, es, key, v,
+// e, el and vl (vid, vcell and ncell take no part).
+bool same_form(const Graph& a, const Graph& b);
+
 // opt: 1 every fragment, 2 those with an atom of three or more of their
 // bonds, 3 the others.
 PlainRun plain_run(const std::vector<Graph>& compounds, int opt, int lmin, int lmax, int fmin);

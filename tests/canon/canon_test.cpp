@@ -1,5 +1,6 @@
-// Canonical labelling: the worked examples, the search steps, and properties
-// over random labelled trees checked against a brute force.
+// Canonical labelling: properties over random labelled trees checked against
+// a brute force, and the short route against the labelling. The exact forms
+// written are pinned by labelling_reference_test.cpp and the golden runs.
 #include <gtest/gtest.h>
 
 #include "support/graphs.h"
@@ -13,6 +14,7 @@
 #include "canon/canon.h"
 #include "canon/canon_internal.h"
 #include "graph/graph.h"
+#include "reference/reference.h"
 #include "table/table.h"
 
 namespace {
@@ -24,11 +26,6 @@ Graph labelled(Graph g) {
   return g;
 }
 
-bool same_form(const Graph& a, const Graph& b) {
-  return a.vs == b.vs && a.es == b.es && a.v == b.v && a.e == b.e && a.el == b.el && a.vl == b.vl &&
-         a.key == b.key;
-}
-
 // The order refinement alone leaves, on a record of its own.
 std::vector<int> refined_order(const Graph& g, int* largest = nullptr) {
   Labelling m;
@@ -36,19 +33,6 @@ std::vector<int> refined_order(const Graph& g, int* largest = nullptr) {
   refine(m);
   if (largest) *largest = largest_cell(m);
   return std::vector<int>(m.perm.begin(), m.perm.begin() + m.n);
-}
-
-bool bonded(const Graph& g, int a, int b) {
-  for (int j = g.v[a]; j < g.v[a + 1]; ++j)
-    if (g.e[j] == b) return true;
-  return false;
-}
-
-Graph star_at(int leaves, int centre) {
-  std::vector<Bond> bonds;
-  for (int k = 0; k <= leaves; ++k)
-    if (k != centre) bonds.push_back({centre, k, 0});
-  return make_graph(std::vector<int>(leaves + 1, 3), bonds);
 }
 
 // The result must be the input with its vertices reordered as vid says.
@@ -69,92 +53,6 @@ void expect_relabelling_of(const Graph& input, const Graph& g) {
 }
 
 }  // namespace
-
-TEST(CanonExamples, WorkedExamplesGiveTheirOrderCodeAndCells) {
-  struct Example {
-    const char* what;
-    Graph input;
-    std::vector<int> vid;  // empty: several orders give the form
-    std::vector<int> e;    // empty: not pinned
-    int ncell;
-    std::vector<int> vcell;
-  };
-  const Example examples[] = {
-      {"two bonded vertices: the lower label first", make_graph({5, 2}, {{0, 1, 0}}), {1, 0}, {1, 0}, 2, {0, 1}},
-      {"one vertex stays as it is", make_graph({7}, {}), {0}, {}, 1, {0}},
-      // Code rows [1], [1, 0], [0, 1, 0]: the end bonded to position 0 goes to position 2.
-      {"four-chain", make_graph({4, 4, 4, 4}, {{0, 1, 0}, {1, 2, 0}, {2, 3, 0}}), {}, {1, 2, 0, 3, 0, 1}, 2,
-       {0, 0, 1, 1}},
-      {"four-chain, ends swapped", make_graph({4, 4, 4, 4}, {{3, 0, 0}, {0, 2, 0}, {2, 1, 0}}), {},
-       {1, 2, 0, 3, 0, 1}, 2, {0, 0, 1, 1}},
-      // The tie rule moves the centre to the front by exchanging it with
-      // vertex 0, so the leaves stand as 1, 0, 3, 4: refinement's order kept.
-      {"star of four leaves", star_at(4, 2), {2, 1, 0, 3, 4}, {}, 2, {}},
-      // Five equal leaves take the individualization search, which keeps the
-      // refinement order; ncell is the leaf's discrete partition, vcell the
-      // cells of refinement.
-      {"star of five leaves", star_at(5, 2), {2, 1, 0, 3, 4, 5}, {}, 6, {0, 1, 1, 1, 1, 1}},
-  };
-  for (const Example& x : examples) {
-    SCOPED_TRACE(x.what);
-    const Graph g = labelled(x.input);
-    expect_relabelling_of(x.input, g);
-    EXPECT_TRUE(x.vid.empty() || g.vid == x.vid) << testing::PrintToString(g.vid);
-    EXPECT_TRUE(x.e.empty() || g.e == x.e) << testing::PrintToString(g.e);
-    EXPECT_EQ(g.ncell, x.ncell);
-    EXPECT_TRUE(x.vcell.empty() || g.vcell == x.vcell) << testing::PrintToString(g.vcell);
-  }
-}
-
-TEST(CanonExamples, TwoCentresPutTheIndividualizedCentreAndItsNeighboursFirst) {
-  // Centres 5 and 2, scrambled among their neighbours.
-  const Graph input = make_graph(std::vector<int>(8, 1), {{5, 2, 0}, {5, 0, 0}, {5, 7, 0}, {5, 3, 0},
-                                                          {2, 1, 0}, {2, 4, 0}, {2, 6, 0}});
-  const std::vector<int> order = refined_order(input);
-  ASSERT_EQ(std::min(order[0], order[1]), 2);
-  ASSERT_EQ(std::max(order[0], order[1]), 5);
-  const Graph g = labelled(input);
-  EXPECT_EQ(g.vid[0], order[0]);
-  EXPECT_EQ(g.vid[1], order[1]);
-  for (int k = 2; k < 5; ++k) EXPECT_TRUE(bonded(input, g.vid[0], g.vid[k])) << k;
-  for (int k = 5; k < 8; ++k) EXPECT_TRUE(bonded(input, g.vid[1], g.vid[k])) << k;
-  EXPECT_EQ(g.ncell, 8);
-  EXPECT_EQ(g.vcell, (std::vector<int>{0, 0, 1, 1, 1, 1, 1, 1}));
-}
-
-TEST(CanonExamples, BondLabelsDecideWhetherTwoChainsAreTheSameFragment) {
-  const Graph a = labelled(make_graph({1, 1, 2}, {{0, 1, 0}, {1, 2, 1}}));
-  const Graph b = labelled(make_graph({1, 1, 2}, {{0, 1, 1}, {1, 2, 0}}));
-  EXPECT_NE(compare_graphs(a, b), 0);
-  const Graph c = labelled(make_graph({2, 1, 2}, {{0, 1, 0}, {1, 2, 1}}));
-  const Graph d = labelled(make_graph({2, 1, 2}, {{0, 1, 1}, {1, 2, 0}}));
-  EXPECT_EQ(compare_graphs(c, d), 0);
-}
-
-TEST(CanonSteps, RefinementSplitsChainsByTheirNeighboursCells) {
-  // Three-chain: the middle alone in the first cell, the ends together.
-  // Four-chain with one odd end: first {middles}, {end 1}, {end 2}; the
-  // second pass tells the middles apart by their neighbours' cells.
-  struct Case {
-    Graph input;
-    int parts;
-    std::vector<int> perm, p;  // p: each vertex's cell, by where it starts
-  };
-  const Case cases[] = {
-      {make_graph({1, 1, 1}, {{0, 1, 0}, {1, 2, 0}}), 2, {1}, {1, 0, 1}},
-      {make_graph({1, 1, 1, 2}, {{0, 1, 0}, {1, 2, 0}, {2, 3, 0}}), 4, {1, 2, 0, 3}, {2, 0, 1, 3}},
-  };
-  for (const Case& c : cases) {
-    Labelling m;
-    load(m, c.input);
-    refine(m);
-    EXPECT_EQ(m.parts, c.parts);
-    EXPECT_EQ(std::vector<int>(m.perm.begin(), m.perm.begin() + c.perm.size()), c.perm);
-    for (int k = 0; k < c.input.vs; ++k) EXPECT_EQ(m.p[k], c.p[k]) << k;
-  }
-}
-
-// ---- Random trees -----------------------------------------------------------
 
 namespace {
 
@@ -186,7 +84,7 @@ std::vector<int> brute_form(const Graph& g) {
 
 }  // namespace
 
-TEST(CanonProperties, RenumberedTreesGetOneFormWheneverThePermutationSearchSuffices) {
+TEST(canonical_label, renumbered_trees_get_one_form_whenever_the_permutation_search_suffices) {
   std::mt19937 rng(kSeed);
   int checked = 0;
   for (int round = 0; round < 400; ++round) {
@@ -208,7 +106,7 @@ TEST(CanonProperties, RenumberedTreesGetOneFormWheneverThePermutationSearchSuffi
   EXPECT_GT(checked, 300);
 }
 
-TEST(CanonProperties, SmallTreesShareAFormExactlyWhenIsomorphic) {
+TEST(canonical_label, small_trees_share_a_form_exactly_when_isomorphic) {
   std::mt19937 rng(kSeed + 1);
   struct Item {
     Graph form;
@@ -226,7 +124,7 @@ TEST(CanonProperties, SmallTreesShareAFormExactlyWhenIsomorphic) {
   for (std::size_t a = 0; a < items.size(); ++a)
     for (std::size_t b = a + 1; b < items.size(); ++b) {
       const bool iso = items[a].brute == items[b].brute;
-      const bool same = compare_graphs(items[a].form, items[b].form) == 0;
+      const bool same = same_form(items[a].form, items[b].form);
       isomorphic_pairs += iso;
       if (!iso) {
         EXPECT_FALSE(same) << "seed " << kSeed + 1 << " items " << a << ", " << b;
@@ -266,7 +164,7 @@ std::vector<int> greatest_code_within_cells(const Graph& g, std::vector<int> ord
 
 }  // namespace
 
-TEST(CanonProperties, ThePermutationSearchFindsTheGreatestCodeWithinTheCells) {
+TEST(permutation_search, finds_the_greatest_code_within_the_cells) {
   std::mt19937 rng(kSeed + 2);
   for (int round = 0; round < 300; ++round) {
     const Graph g = renumbered(random_tree(rng, 8, 2, 2), rng);
@@ -283,8 +181,6 @@ TEST(CanonProperties, ThePermutationSearchFindsTheGreatestCodeWithinTheCells) {
         << "seed " << kSeed + 2 << " round " << round;
   }
 }
-
-// ---- The short route ----------------------------------------------------------
 
 namespace {
 
@@ -330,7 +226,7 @@ void expect_short_route_agrees(const Graph& g) {
 
 }  // namespace
 
-TEST(CanonShortRoute, AgreesWithTheLabellingAndDeclinesLargeCells) {
+TEST(canonical_label_fast, agrees_with_the_labelling_and_declines_large_cells) {
   std::mt19937 rng(20240611);
   for (int round = 0; round < 3000 && !HasFailure(); ++round) {
     const int n = 1 + draw(rng, 12);

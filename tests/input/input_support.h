@@ -9,6 +9,7 @@
 #include <string>
 
 #include "input/input.h"
+#include "reference/reference.h"
 #include "support/process.h"
 
 namespace inputtest {
