@@ -214,10 +214,3 @@ int vertex_label_index(std::string_view label, const LabelDictionary& dict);
 // Returns false at end of file. A final partial line that exactly fills the
 // buffer before end of file is lost, as the growth rule implies.
 bool read_line(std::vector<char>& buffer, std::size_t& size, std::FILE* stream);
-
-// Replaces every '\n' of text (up to its terminator) by '\0'; returns text.
-char* strip_newlines(char* text);
-
-// Next greater permutation in lexicographic order; false (values unchanged)
-// when they are already in non-increasing order. No wrap-around.
-bool next_permutation(int* values, int n);

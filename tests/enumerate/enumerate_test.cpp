@@ -1,6 +1,6 @@
 // The plain subtree search the counting is compared against: its emission
 // order on small cases, and a brute force over bond subsets for the sets
-// themselves; the fragment graph of a bond set; the type filter.
+// themselves; the type filter.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,7 +8,6 @@
 #include <random>
 #include <set>
 
-#include "enumerate/enumerate.h"
 #include "reference/reference.h"
 #include "support/graphs.h"
 
@@ -114,24 +113,6 @@ TEST(plain_subtrees, emit_each_connected_acyclic_set_once_on_random_graphs) {
       ASSERT_EQ(as_sets, brute_force(vs, bonds, t)) << "seed " << seed << " round " << round << " t " << t;
     }
   }
-}
-
-TEST(fill_fragment_graph, numbers_vertices_in_compound_order_with_their_labels) {
-  Graph g = make_graph(9, {{2, 5}, {5, 9}, {1, 2}}, {1, 2, 0});
-  for (int i = 0; i < 9; ++i) g.vl[i] = 10 + i;
-  EdgeSet s;
-  s.edge = {{5, 9}, {2, 5}};
-  s.size = 2;
-  Graph f;
-  std::vector<int> vertices;
-  fill_fragment_graph(s, g, f, vertices);
-  EXPECT_EQ(vertices, (std::vector<int>{1, 4, 8}));
-  EXPECT_EQ(f.vs, 3);
-  EXPECT_EQ(f.es, 4);
-  EXPECT_EQ(f.vl, (std::vector<int>{11, 14, 18}));
-  EXPECT_EQ(f.vid, (std::vector<int>{0, 1, 2}));
-  EXPECT_EQ(f.e, (std::vector<int>{1, 0, 2, 1}));
-  EXPECT_EQ(f.el, (std::vector<int>{1, 1, 2, 2}));
 }
 
 // Occurrences the plain run counts of one length and type in one compound.
