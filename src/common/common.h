@@ -54,7 +54,6 @@ class RaiseFailures {
  private:
   bool previous_;
 };
-bool failures_raise();
 
 // A hook consulted just before a failure is reported on this thread: when it
 // returns a message, that message is reported instead. The input uses it to
@@ -77,11 +76,6 @@ std::string format_text(const char* fmt, ...) __attribute__((format(printf, 1, 2
 [[noreturn]] void internal_error(const char* condition, const char* file, int line);
 #define TAVRIX_CHECK(cond) \
   do { if (!(cond)) internal_error(#cond, __FILE_NAME__, __LINE__); } while (0)
-
-// Installs the handler that turns an exhausted heap (operator new anywhere,
-// containers included) into "<file>:<line>: not enough memory" on standard
-// error and status 1. Called once at the start of main.
-void install_memory_handler();
 
 // ---- Files ----------------------------------------------------------------
 
