@@ -22,11 +22,11 @@ namespace {
 // One record per thread: labelling runs on several at once.
 thread_local Labelling scratch;
 
+thread_local std::vector<int> old_vid, refined_cell;
+
 // Writes g in the order of m.best: labels, vid and each vertex's refined
 // cell, then the adjacency by ascending position, which keeps every
 // vertex's entries sorted.
-thread_local std::vector<int> old_vid, refined_cell;
-
 void store(const Labelling& m, const int* cell, int ncell, Graph& g) {
   const int n = m.n;
   const int* order = m.best.data();
