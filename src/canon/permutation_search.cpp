@@ -8,11 +8,16 @@
 int compare_rows(const Labelling& m, int first_cell, int last_cell) {
   const int* perm = m.perm.data();
   const int* best = m.best.data();
-  for (int i = m.part[first_cell]; i < m.part[last_cell + 1]; ++i)
+  const int* adj = m.adj;
+  const int stride = m.stride;
+  for (int i = m.part[first_cell], end = m.part[last_cell + 1]; i < end; ++i) {
+    const int* row = adj + perm[i] * stride;
+    const int* best_row = adj + best[i] * stride;
     for (int j = 0; j < i; ++j) {
-      const int d = m.code(perm[i], perm[j]) - m.code(best[i], best[j]);
+      const int d = row[perm[j]] - best_row[best[j]];
       if (d != 0) return d;
     }
+  }
   return 0;
 }
 
@@ -22,13 +27,17 @@ namespace {
 // first vertex of the cell, in refined order, with that key not placed yet.
 void place_cell(Labelling& m, int c) {
   const int from = m.part[c], to = m.part[c + 1];
+  const int* order = m.order.data();
+  const int* vkey = m.vkey.data();
+  const int* keys = m.keys.data();
+  int* perm = m.perm.data();
   bool used[SEARCH_CELL_LIMIT] = {};
   for (int i = from; i < to; ++i)
     for (int q = from; q < to; ++q) {
-      const int v = m.order[q];
-      if (!used[q - from] && m.vkey[v] == m.keys[i]) {
+      const int v = order[q];
+      if (!used[q - from] && vkey[v] == keys[i]) {
         used[q - from] = true;
-        m.perm[i] = v;
+        perm[i] = v;
         break;
       }
     }
