@@ -11,11 +11,10 @@ constexpr int SEARCH_CELL_LIMIT = 5;
 // Not re-entrant on one thread: it uses that thread's scratch records.
 void canonical_label(Graph& g);
 
-// The same canonical form by a shorter route, for graphs of at most 32
-// vertices whose refined cells all have fewer than SEARCH_CELL_LIMIT
-// vertices; returns false, leaving g unchanged, for any other graph. v, e,
-// el, vl, key, ncell and vcell come out as canonical_label writes them; vid
-// may differ where the graph has symmetries (equal codes, either order).
+// canonical_label for graphs of at most 32 vertices whose refined cells all
+// have fewer than SEARCH_CELL_LIMIT vertices; returns false, leaving g
+// unchanged, for any other graph. Such a graph's form does not depend on
+// how it is numbered, which the counter's grown forms rely on.
 bool canonical_label_fast(Graph& g);
 
 // A graph of at most SMALL_GRAPH_VERTICES vertices as the short route reads

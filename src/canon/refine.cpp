@@ -1,167 +1,222 @@
-// Colour refinement: orders the vertices by numbering-independent properties
-// and splits them into cells until the cells stop multiplying.
+// Colour refinement: each pass sorts the vertices by (cell, degree
+// descending, label, their sorted (bond code, neighbour's cell) pairs) and
+// numbers the cells anew.
+#include <algorithm>
+#include <bit>
 #include <cstdint>
-#include <utility>
 
 #include "canon/canon_internal.h"
 #include "common/common.h"
 
 namespace {
 
-// The tie rule decides where equal elements end up, and that order is the
-// starting arrangement of both searches, so it must stay exactly this: the
-// element kept for slot s is replaced only by a strictly smaller one, and an
-// array already in order is left untouched.
-template <class T, class Less>
-void selection_sort(T* items, int n, Less less) {
-  for (int s = 0; s < n; ++s) {
+using PackedKey = unsigned __int128;
+// Vertices a packed key holds cells of, and so pairs at most.
+constexpr int MAX_PACKED_VERTICES = 64;
+
+int bits_for(int largest) { return static_cast<int>(std::bit_width(static_cast<unsigned>(largest))); }
+
+// Sorts perm by less with the tie rule of a selection sort: slot s takes a
+// later vertex only when that one is strictly smaller than all before it.
+// Slots before the first one with something smaller behind it keep their
+// vertex, and often (always in a refinement's last pass) there is none.
+template <class Less>
+void sort_positions(int* perm, int n, Less less) {
+  int first = n;
+  int smallest = perm[n - 1];
+  for (int s = n - 2; s >= 0; --s) {
+    if (less(smallest, perm[s])) first = s;
+    else smallest = perm[s];
+  }
+  for (int s = first; s < n; ++s) {
     int kept = s;
     for (int t = s + 1; t < n; ++t)
-      if (less(items[t], items[kept])) kept = t;
-    if (kept != s) std::swap(items[s], items[kept]);
+      if (less(perm[t], perm[kept])) kept = t;
+    if (kept != s) std::swap(perm[s], perm[kept]);
   }
 }
 
-// Fills m.key from the current cells (see CanonState::packed). A vertex
-// alone with its p is told from every other by p, so the rest of its key is
-// never read and its neighbour pairs are left out.
-void fill_keys(CanonState& m) {
-  const int n = m.vs, cell_shift = m.cell_shift, pair_bits = m.pair_bits;
-  const CanonVertex* vtx = m.vtx.data();
-  std::uint64_t* keys = m.key.data();
-  int members[64] = {};  // packed keys need vs <= 64, so p < 64
-  for (int v = 0; v < n; ++v) ++members[vtx[v].p];
-  unsigned pairs[64];  // a key holds at most 64 pairs of one bit
-  for (int v = 0; v < n; ++v) {
-    const CanonVertex& x = vtx[v];
-    if (members[x.p] == 1) {
-      keys[v] = static_cast<std::uint64_t>(x.p) << cell_shift;
-      continue;
-    }
-    const NeighbourRef* nb = x.neighbours.data();
-    for (int s = 0; s < x.d; ++s) {
-      const unsigned pair = static_cast<unsigned>(nb[s].pair + vtx[nb[s].vertex].p);
-      int q = s;
-      for (; q > 0 && pairs[q - 1] > pair; --q) pairs[q] = pairs[q - 1];
-      pairs[q] = pair;
-    }
-    std::uint64_t key = static_cast<std::uint64_t>(x.p) << cell_shift | m.key_fixed[v];
-    int shift = m.first_pair_shift;
-    for (int s = 0; s < x.d; ++s, shift -= pair_bits) key |= static_cast<std::uint64_t>(pairs[s]) << shift;
-    keys[v] = key;
-  }
-}
-
-// sort_vertices on packed keys. Keys order vertices exactly as
-// compare_vertices does, so the selection sort makes the same moves.
-void sort_by_keys(CanonState& m) {
-  fill_keys(m);
-  const std::uint64_t* key = m.key.data();
-  int* perm = m.perm.data();
-  const int n = m.vs;
-  // The selection sort leaves slot s alone when nothing after it is smaller,
-  // and then the next slot sees the same array: every slot before the first
-  // one with something smaller behind it keeps its vertex. Finding that slot
-  // takes one sweep from the back; often (always in the last pass of a
-  // refinement) there is none.
-  int first = n;
-  std::uint64_t smallest = key[perm[n - 1]];
-  for (int s = n - 2; s >= 0; --s) {
-    const std::uint64_t here = key[perm[s]];
-    if (here > smallest) first = s;
-    else smallest = here;
-  }
-  if (first < n) selection_sort(perm + first, n - first, [key](int a, int b) { return key[a] < key[b]; });
-  for (int k = 0; k < n; ++k) m.perm_inv[perm[k]] = k;
-}
-
-// One refinement pass after the sort: cell indices into P and the new
-// bounds. Each vertex is compared with the first vertex of its run, and
-// neighbours' cells are read from `p`, which changes only after the pass.
-template <class Same>
-void number_cells(CanonState& m, Same same) {
-  // Locals, so that the stores below cannot be taken to change them.
-  const int n = m.vs;
+// Numbers the cells of the sorted order: a new cell wherever the key steps
+// up. Returns whether any vertex changed cell.
+template <class Less>
+bool number_cells(Labelling& m, Less less) {
   const int* perm = m.perm.data();
-  CanonVertex* vtx = m.vtx.data();
-  int* newpart = m.newpart.data();
-  CanonVertex* leader = &vtx[perm[0]];
+  int* p = m.p.data();
+  bool changed = p[perm[0]] != 0;
+  p[perm[0]] = 0;
+  m.part[0] = 0;
   int cell = 0;
-  leader->P = 0;
-  newpart[0] = 0;
-  for (int k = 1; k < n; ++k) {
-    CanonVertex& x = vtx[perm[k]];
-    if (!same(*leader, x)) {
-      newpart[++cell] = k;
-      leader = &x;
-    }
-    x.P = cell;
+  for (int k = 1; k < m.n; ++k) {
+    if (less(perm[k - 1], perm[k])) m.part[++cell] = k;
+    changed |= p[perm[k]] != cell;
+    p[perm[k]] = cell;
   }
-  m.newparts = cell + 1;
-  newpart[cell + 1] = n;
+  m.parts = cell + 1;
+  m.part[m.parts] = m.n;
+  return changed;
+}
+
+// One pass on keys packed from the top: cell, max_degree - degree, label,
+// then the sorted pairs (code, cell), zeros after the last. Equal degrees
+// give equally many pairs, and different degrees differ above the pairs. A
+// vertex alone in its cell is told from every other by the cell, so its
+// pairs are left out. Key is 64 bits wide where the layout fits, which it
+// does for fragments of everyday lengths, else 128.
+template <class Key>
+bool packed_pass(Labelling& m) {
+  const int n = m.n, stride = m.stride, cell_bits = m.cell_bits, max_degree = m.max_degree;
+  const int pair_bits = m.code_bits + cell_bits, label_bits = m.label_bits, degree_bits = m.degree_bits;
+  const int label_shift = max_degree * pair_bits;
+  const int* deg = m.deg;
+  const int* label = m.label;
+  const int* nb = m.nb;
+  const int* adj = m.adj;
+  int* p = m.p.data();
+  int* perm = m.perm.data();
+  Key key[MAX_PACKED_VERTICES];       // per vertex
+  Key in_order[MAX_PACKED_VERTICES];  // per position
+  int members[MAX_PACKED_VERTICES];   // per cell
+  std::fill_n(members, n, 0);
+  for (int v = 0; v < n; ++v) ++members[p[v]];
+  for (int v = 0; v < n; ++v) {
+    const int d = deg[v];
+    Key k = ((static_cast<Key>(p[v]) << degree_bits | static_cast<Key>(max_degree - d)) << label_bits |
+             static_cast<Key>(label[v])) << label_shift;
+    if (members[p[v]] > 1) {
+      const int* row = nb + v * stride;
+      unsigned pairs[MAX_PACKED_VERTICES];
+      for (int j = 0; j < d; ++j) {
+        const int w = row[j];
+        const unsigned pair = static_cast<unsigned>(adj[v * stride + w]) << cell_bits | static_cast<unsigned>(p[w]);
+        int q = j;
+        for (; q > 0 && pairs[q - 1] > pair; --q) pairs[q] = pairs[q - 1];
+        pairs[q] = pair;
+      }
+      int shift = label_shift - pair_bits;
+      for (int j = 0; j < d; ++j, shift -= pair_bits) k |= static_cast<Key>(pairs[j]) << shift;
+    }
+    key[v] = k;
+  }
+  // sort_positions and number_cells on the keys in position order, which
+  // move along with perm.
+  for (int s = 0; s < n; ++s) in_order[s] = key[perm[s]];
+  int first = n;
+  Key smallest = in_order[n - 1];
+  for (int s = n - 2; s >= 0; --s) {
+    if (smallest < in_order[s]) first = s;
+    else smallest = in_order[s];
+  }
+  for (int s = first; s < n; ++s) {
+    int kept = s;
+    for (int t = s + 1; t < n; ++t)
+      if (in_order[t] < in_order[kept]) kept = t;
+    if (kept != s) {
+      std::swap(in_order[s], in_order[kept]);
+      std::swap(perm[s], perm[kept]);
+    }
+  }
+  int cell = 0;
+  bool changed = p[perm[0]] != 0;
+  p[perm[0]] = 0;
+  m.part[0] = 0;
+  for (int k = 1; k < n; ++k) {
+    if (in_order[k - 1] != in_order[k]) m.part[++cell] = k;
+    changed |= p[perm[k]] != cell;
+    p[perm[k]] = cell;
+  }
+  m.parts = cell + 1;
+  m.part[m.parts] = n;
+  return changed;
+}
+
+// The same pass on rows of ints, for graphs whose keys do not fit.
+bool row_pass(Labelling& m) {
+  const int n = m.n, width = 3 + 2 * m.max_degree;
+  int* rows = m.row_key.data();
+  for (int v = 0; v < n; ++v) {
+    int* k = rows + v * width;
+    k[0] = m.p[v];
+    k[1] = -m.deg[v];
+    k[2] = m.label[v];
+    for (int j = 0; j < m.deg[v]; ++j) {
+      const int w = m.nb[v * m.stride + j];
+      const int code = m.code(v, w), cell = m.p[w];
+      int q = 3 + 2 * j;
+      for (; q > 3 && (k[q - 2] > code || (k[q - 2] == code && k[q - 1] > cell)); q -= 2) {
+        k[q] = k[q - 2];
+        k[q + 1] = k[q - 1];
+      }
+      k[q] = code;
+      k[q + 1] = cell;
+    }
+  }
+  auto less = [rows, width, &m](int a, int b) {
+    const int* x = rows + a * width;
+    const int* y = rows + b * width;
+    return std::lexicographical_compare(x, x + 3 + 2 * m.deg[a], y, y + 3 + 2 * m.deg[b]);
+  };
+  sort_positions(m.perm.data(), n, less);
+  return number_cells(m, less);
 }
 
 }  // namespace
 
-int compare_neighbour_lists(const CanonState& m, const CanonVertex& x, const CanonVertex& y) {
-  TAVRIX_CHECK(x.d == y.d);
-  for (int s = 0; s < x.d; ++s) {
-    const NeighbourRef& a = x.neighbours[s];
-    const NeighbourRef& b = y.neighbours[s];
-    if (a.code != b.code) return a.code - b.code;
-    const int pa = m.vtx[a.vertex].p, pb = m.vtx[b.vertex].p;
-    if (pa != pb) return pa - pb;
+void start(Labelling& m, int n) {
+  TAVRIX_CHECK(n >= 1);
+  m.n = n;
+  if (n > m.capacity) {
+    for (std::vector<int>* a : {&m.perm, &m.p, &m.best, &m.order, &m.vkey, &m.keys}) a->resize(n);
+    m.part.resize(n + 1);
+    m.capacity = n;
   }
-  return 0;
+  int* perm = m.perm.data();
+  int* p = m.p.data();
+  for (int k = 0; k < n; ++k) {
+    perm[k] = k;
+    p[k] = 0;
+  }
+  m.parts = 1;
+  m.part[0] = 0;
+  m.part[1] = n;
+  m.best_is_leaf = false;
+  // The widths of the packed keys' fields.
+  int max_label = 0, max_code = 0, max_degree = 0;
+  bool negative = false;
+  for (int v = 0; v < n; ++v) {
+    const int d = m.deg[v], l = m.label[v];
+    const int* row = m.nb + v * m.stride;
+    const int* codes = m.adj + v * m.stride;
+    max_degree = std::max(max_degree, d);
+    max_label = std::max(max_label, l);
+    negative |= l < 0;
+    for (int j = 0; j < d; ++j) max_code = std::max(max_code, codes[row[j]]);
+  }
+  m.max_degree = max_degree;
+  m.cell_bits = bits_for(n - 1);
+  m.degree_bits = bits_for(max_degree);
+  m.label_bits = bits_for(max_label);
+  m.code_bits = bits_for(max_code);
+  const int width = m.cell_bits + m.degree_bits + m.label_bits + max_degree * (m.code_bits + m.cell_bits);
+  m.packed = !negative && n <= MAX_PACKED_VERTICES && width <= 128;
+  m.narrow = width <= 64;
+  if (!m.packed && m.row_key.size() < static_cast<std::size_t>(n) * (3 + 2 * max_degree))
+    m.row_key.resize(static_cast<std::size_t>(n) * (3 + 2 * max_degree));
 }
 
-int compare_vertices(const CanonState& m, const CanonVertex& a, const CanonVertex& b) {
-  if (a.p != b.p) return a.p - b.p;
-  if (a.d != b.d) return b.d - a.d;  // more bonds first
-  if (a.l != b.l) return a.l - b.l;
-  return compare_neighbour_lists(m, a, b);
+void refine(Labelling& m) {
+  // The first pass always runs: after individualizing, the cells are new but
+  // the order is not yet sorted under them. A pass that leaves every vertex
+  // in its cell, or adds no cell, or leaves every vertex alone, is the last:
+  // a further one would find the order sorted and keep it.
+  while (true) {
+    const int before = m.parts;
+    const bool changed = !m.packed ? row_pass(m) : m.narrow ? packed_pass<std::uint64_t>(m) : packed_pass<PackedKey>(m);
+    if (!changed || m.parts <= before || m.parts == m.n) return;
+  }
 }
 
-void sort_vertices(CanonState& m) {
-  if (m.packed) {
-    sort_by_keys(m);
-    return;
-  }
-  for (int k = 0; k < m.vs; ++k) {
-    CanonVertex& x = m.vtx[k];
-    selection_sort(x.neighbours.data(), x.d, [&m](const NeighbourRef& a, const NeighbourRef& b) {
-      if (a.code != b.code) return a.code < b.code;
-      return m.vtx[a.vertex].p < m.vtx[b.vertex].p;
-    });
-  }
-  selection_sort(m.perm.data(), m.vs,
-                 [&m](int a, int b) { return compare_vertices(m, m.vtx[a], m.vtx[b]) < 0; });
-  for (int k = 0; k < m.vs; ++k) m.perm_inv[m.perm[k]] = k;
-}
-
-void refine(CanonState& m) {
-  // Passes go on while they add cells; the first one always runs.
-  int previous = 0;
-  while (m.parts > previous) {
-    sort_vertices(m);
-    if (m.packed) {
-      const std::uint64_t* key = m.key.data();
-      number_cells(m, [key](const CanonVertex& a, const CanonVertex& b) { return key[a.r] == key[b.r]; });
-    } else {
-      number_cells(m, [&m](const CanonVertex& a, const CanonVertex& b) { return compare_vertices(m, a, b) == 0; });
-    }
-    previous = m.parts;
-    const int parts = m.parts = m.newparts;
-    for (int c = 0; c <= parts; ++c) m.part[c] = m.newpart[c];
-    bool settled = true;
-    CanonVertex* vtx = m.vtx.data();
-    for (int k = 0, n = m.vs; k < n; ++k) {
-      settled &= vtx[k].p == vtx[k].P;
-      vtx[k].p = vtx[k].P;
-    }
-    // A pass that gave every vertex back its p is a fixed point: the next one
-    // would see the same cells, sort nothing and find the same cells again,
-    // which ends the loop. Stopping here leaves every field as that pass would.
-    if (settled) break;
-  }
+int largest_cell(const Labelling& m) {
+  int largest = 0;
+  for (int c = 0; c < m.parts; ++c) largest = std::max(largest, m.part[c + 1] - m.part[c]);
+  return largest;
 }

@@ -54,7 +54,6 @@ class RaiseFailures {
  private:
   bool previous_;
 };
-bool failures_raise();
 
 // A hook consulted just before a failure is reported on this thread: when it
 // returns a message, that message is reported instead. The input uses it to
@@ -77,11 +76,6 @@ std::string format_text(const char* fmt, ...) __attribute__((format(printf, 1, 2
 [[noreturn]] void internal_error(const char* condition, const char* file, int line);
 #define TAVRIX_CHECK(cond) \
   do { if (!(cond)) internal_error(#cond, __FILE_NAME__, __LINE__); } while (0)
-
-// Installs the handler that turns an exhausted heap (operator new anywhere,
-// containers included) into "<file>:<line>: not enough memory" on standard
-// error and status 1. Called once at the start of main.
-void install_memory_handler();
 
 // ---- Files ----------------------------------------------------------------
 
@@ -214,10 +208,3 @@ int vertex_label_index(std::string_view label, const LabelDictionary& dict);
 // Returns false at end of file. A final partial line that exactly fills the
 // buffer before end of file is lost, as the growth rule implies.
 bool read_line(std::vector<char>& buffer, std::size_t& size, std::FILE* stream);
-
-// Replaces every '\n' of text (up to its terminator) by '\0'; returns text.
-char* strip_newlines(char* text);
-
-// Next greater permutation in lexicographic order; false (values unchanged)
-// when they are already in non-increasing order. No wrap-around.
-bool next_permutation(int* values, int n);

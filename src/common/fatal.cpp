@@ -44,7 +44,6 @@ thread_local const void* override_context = nullptr;
 
 RaiseFailures::RaiseFailures() : previous_(raise_failures) { raise_failures = true; }
 RaiseFailures::~RaiseFailures() { raise_failures = previous_; }
-bool failures_raise() { return raise_failures; }
 
 FailureOverrideScope::FailureOverrideScope(FailureOverride hook, const void* context)
     : previous_hook(override_hook), previous_context(override_context) {
@@ -83,16 +82,6 @@ void internal_error(const char* condition, const char* file, int line) {
   std::exit(1);
 #endif
 }
-
-namespace {
-void out_of_memory() {
-  // No allocation may happen here: print with the C stream and leave.
-  std::fprintf(stderr, "%s:%d: not enough memory\n", __FILE_NAME__, __LINE__);
-  std::exit(1);
-}
-}  // namespace
-
-void install_memory_handler() { std::set_new_handler(out_of_memory); }
 
 FilePtr open_file(const std::string& name, const char* mode) {
   std::FILE* f = std::fopen(name.c_str(), mode);

@@ -41,20 +41,3 @@ bool read_line(std::vector<char>& buffer, std::size_t& size, std::FILE* stream) 
   }
 }
 
-char* strip_newlines(char* text) {
-  std::size_t n = std::strlen(text);  // the length before any newline is cut
-  for (std::size_t i = 0; i < n; ++i)
-    if (text[i] == '\n') text[i] = '\0';
-  return text;
-}
-
-bool next_permutation(int* values, int n) {
-  int i = n - 2;
-  while (i >= 0 && values[i] >= values[i + 1]) --i;
-  if (i < 0) return false;
-  int j = n - 1;
-  while (values[j] <= values[i]) --j;
-  std::swap(values[i], values[j]);
-  for (int a = i + 1, b = n - 1; a < b; ++a, --b) std::swap(values[a], values[b]);
-  return true;
-}

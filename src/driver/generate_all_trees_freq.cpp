@@ -13,7 +13,6 @@
 #include "input/input.h"
 #include "output/output.h"
 #include "settings/settings.h"
-#include "table/table.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// Building, comparing and releasing the labelled graph record.
+// Building the labelled graph record.
 #include "graph/graph.h"
 
 #include <algorithm>
@@ -32,25 +32,8 @@ void build_adjacency(std::span<EdgeTriple> triples, Graph& g) {
   g.v[g.vs] = g.es;
 }
 
-int compare_graphs(const Graph& a, const Graph& b) {
-  if (a.es != b.es) return a.es - b.es;
-  if (a.vs != b.vs) return a.vs - b.vs;
-  if (a.key != b.key) return static_cast<std::int32_t>(a.key - b.key) < 0 ? -1 : 1;
-  for (int i = 0; i < a.vs; ++i) {
-    if (a.v[i] != b.v[i]) return a.v[i] - b.v[i];
-    if (a.vl[i] != b.vl[i]) return a.vl[i] - b.vl[i];
-  }
-  for (int j = 0; j < a.es; ++j) {
-    if (a.e[j] != b.e[j]) return a.e[j] - b.e[j];
-    if (a.el[j] != b.el[j]) return a.el[j] - b.el[j];
-  }
-  return 0;
-}
-
 int find_vertex_by_id(int id, const Graph& g) {
   for (int i = 0; i < g.vs; ++i)
     if (g.vid[i] == id) return i;
   fatal_error(format_text("graph lookup vid : can't find a vid in a graph %d\n", id));
 }
-
-void release_graph(Graph& g) { g = Graph{}; }  // move-assigning empties frees every array

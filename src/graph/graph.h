@@ -1,5 +1,5 @@
-// The labelled graph record shared by compounds, fragments and the table's
-// stored copies, and the edge-list records the subtree enumeration works on.
+// The labelled graph record shared by compounds and fragments, and the bond
+// set the subtree search hands on.
 #pragma once
 
 #include <cstdint>
@@ -51,37 +51,11 @@ struct EdgeTriple {
 // the run with the "duplicated edges" message. Resizes e, el, v as needed.
 void build_adjacency(std::span<EdgeTriple> triples, Graph& g);
 
-// 0 when the two canonically labelled graphs are identical in es, vs, key,
-// v, vl, e and el; ncell, vcell and vid take no part.
-int compare_graphs(const Graph& a, const Graph& b);
-
 // Smallest index whose vid is id, or the run ends with the lookup message.
 int find_vertex_by_id(int id, const Graph& g);
-
-// Frees every array of the graph (its memory goes back at once).
-void release_graph(Graph& g);
-
-// ---- Edge lists of the enumeration ----------------------------------------
-
-// The bonds of a compound as 1-based vertex pairs in stable slots; (0, 0)
-// marks a removed edge, so slot indices name the same bond in every copy.
-struct EdgeList {
-  std::vector<int> node;                     // 1, 2, 3, ...
-  std::vector<std::pair<int, int>> edge;     // one slot per bond
-  int nnode = 0;
-  int nedge = 0;
-  int nlive = 0;
-};
 
 // The bonds of one fragment, 1-based compound vertex numbers, in the order chosen.
 struct EdgeSet {
   std::vector<std::pair<int, int>> edge;  // capacity threshold
   int size = 0;
 };
-
-EdgeList new_edge_list(const Graph& g);
-void add_node(EdgeList& list, int x);            // x must be -1
-void add_edge(EdgeList& list, int u, int v);      // u != v, 1-based
-void remove_edge(EdgeList& list, int slot);
-void remove_self_loops(EdgeList& list);
-void copy_edge_list(const EdgeList& source, EdgeList& target);

@@ -9,7 +9,6 @@
 #include "common/common.h"
 #include "graph/graph.h"
 #include "settings/settings.h"
-#include "table/table.h"
 
 struct InputFile;
 struct DictionaryScan;
@@ -72,7 +71,6 @@ struct CompoundInput {
   LabelDictionary dictionary;
 };
 
-// open_compounds and every compound; creates the occurrence lists of the
-// table for n compounds.
-CompoundInput read_compounds(const RunSettings& settings, FragmentTable& table);
+// open_compounds and every compound.
+CompoundInput read_compounds(const RunSettings& settings);
 CompoundInput read_compounds_in_memory(const RunSettings& settings, const InputSource& source);

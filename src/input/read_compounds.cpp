@@ -126,10 +126,9 @@ CompoundInput read_all(CompoundStream& stream) {
 
 }  // namespace
 
-CompoundInput read_compounds(const RunSettings& settings, FragmentTable& table) {
+CompoundInput read_compounds(const RunSettings& settings) {
   CompoundStream stream;
   open_compounds(settings, stream);
-  create_occurrence_lists(table, stream.compounds);
   return read_all(stream);
 }
 

@@ -41,15 +41,6 @@ TEST(label_set, missing_labels_end_the_run_with_their_messages) {
   EXPECT_EXIT_WITH_OUTPUT(edge_label_index("-", d), 1, "^can't find an edge label in the label set\n$");
 }
 
-TEST(ptr_array, doubles_capacity_only_when_full) {
-  auto a = array_new<int>(128);
-  for (int i = 0; i < 128; ++i) array_append(i, a);
-  EXPECT_EQ(a.capacity, 128u);
-  array_append(128, a);
-  EXPECT_EQ(a.capacity, 256u);
-  EXPECT_EQ(a.count, 129u);
-}
-
 TEST(ptr_array, sorted_insertion_goes_after_equal_items) {
   auto a = array_new<std::pair<int, int>>(2);
   auto by_first = [](const std::pair<int, int>& item, int key) { return item.first - key; };
@@ -97,24 +88,6 @@ TEST(read_line, grows_by_five_then_doubling_increments_and_reads_a_last_line_wit
   EXPECT_EQ(read_all("a\nlast", 10), (Lines{{"a\n", 10}, {"last", 10}}));
   EXPECT_EQ(read_all("a\n123456789", 10), (Lines{{"a\n", 10}}));  // fills the buffer, then end of file
   EXPECT_EQ(read_all("", 10), Lines{});
-}
-
-TEST(strip_newlines, cuts_every_newline_of_the_original_length) {
-  char text[] = "ab\ncd\n";
-  strip_newlines(text);
-  EXPECT_EQ(std::string(text, 6), std::string("ab\0cd\0", 6));
-}
-
-TEST(next_permutation, visits_lexicographic_order_without_wrapping) {
-  int v[] = {1, 2, 3};
-  std::vector<std::vector<int>> seen;
-  do seen.push_back({v[0], v[1], v[2]});
-  while (next_permutation(v, 3));
-  EXPECT_EQ(seen, (std::vector<std::vector<int>>{{1, 2, 3}, {1, 3, 2}, {2, 1, 3}, {2, 3, 1}, {3, 1, 2}, {3, 2, 1}}));
-  EXPECT_EQ(std::vector<int>(v, v + 3), (std::vector<int>{3, 2, 1}));
-  int dup[] = {1, 1, 2};
-  EXPECT_TRUE(next_permutation(dup, 3));
-  EXPECT_EQ(std::vector<int>(dup, dup + 3), (std::vector<int>{1, 2, 1}));
 }
 
 }  // namespace

@@ -12,10 +12,9 @@
 #include <vector>
 
 #include "count/count.h"
-#include "enumerate/enumerate.h"
 #include "input/input.h"
+#include "reference/reference.h"
 #include "support/process.h"
-#include "table/table.h"
 
 namespace {
 
@@ -34,36 +33,10 @@ std::vector<int> record(int id, int support, const GraphView& g) {
 }
 
 Outcome plain(const CompoundInput& input, const RunSettings& s) {
-  FragmentTable table;
-  create_table(table);
-  const int n = static_cast<int>(input.compounds.size());
-  create_occurrence_lists(table, n);
-  FragmentContext ctx;
-  ctx.opt = s.opt;
-  ctx.table = &table;
+  const PlainRun run = plain_run(input.compounds, s.opt, s.lmin, s.lmax, s.fmin);
   Outcome o;
-  std::vector<int> idmap(1, -1);
-  for (int t = s.lmin; t <= s.lmax; ++t) {
-    ctx.threshold = t;
-    table.threshold = t;
-    for (int c = 0; c < n; ++c) {
-      enumerate_fragments(input.compounds[c], c, ctx);
-      table.csrcount[c].offset = table.csrcount[c].size;
-    }
-    idmap.resize(table.total + 1, -1);
-    for (int slot : current_slots(table)) {
-      const HashEntry& e = table.hashg[slot];
-      if (e.support < s.fmin) continue;
-      o.descriptors.push_back(record(e.id, e.support, view_of(table.stored[e.g])));
-      idmap[e.id] = static_cast<int>(o.descriptors.size());
-    }
-    release_stored(table);
-  }
-  for (int c = 0; c < n; ++c) {
-    o.rows.emplace_back();
-    for (int p = 0; p < table.csrcount[c].size; ++p)
-      if (idmap[table.csr[c][p].id] != -1) o.rows.back().emplace_back(idmap[table.csr[c][p].id], table.csr[c][p].count);
-  }
+  for (const PlainDescriptor& d : run.descriptors) o.descriptors.push_back(record(d.id, d.support, view_of(d.form)));
+  o.rows = run.rows;
   return o;
 }
 

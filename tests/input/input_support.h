@@ -9,6 +9,7 @@
 #include <string>
 
 #include "input/input.h"
+#include "reference/reference.h"
 #include "support/process.h"
 
 namespace inputtest {
@@ -47,22 +48,16 @@ inline RunSettings settings_for(const std::string& path, Flags f) {
 struct Loaded {
   CompoundInput input;
   std::string out;  // what the passes printed
-  std::size_t occurrence_lists = 0;
 };
 
 inline Loaded load(const std::string& path, Flags f = {}) {
-  FragmentTable table;
   testing::internal::CaptureStdout();
-  Loaded r{read_compounds(settings_for(path, f), table), "", 0};
+  Loaded r{read_compounds(settings_for(path, f)), ""};
   r.out = testing::internal::GetCapturedStdout();
-  r.occurrence_lists = table.csr.size();
   return r;
 }
 
-inline void run_quietly(const std::string& path, Flags f) {
-  FragmentTable table;
-  read_compounds(settings_for(path, f), table);
-}
+inline void run_quietly(const std::string& path, Flags f) { read_compounds(settings_for(path, f)); }
 
 // An anchored regular expression matching exactly the given text.
 inline std::string exactly(const std::string& text) {

@@ -55,7 +55,6 @@ TEST(readers, read_every_record_of_the_public_files) {
     Loaded r = load(scratch.put("in", data(x.file)), Flags{.mol2 = x.mol2});
     EXPECT_EQ(r.out, format_text("total compounds = %d\n", x.records));
     ASSERT_EQ(r.input.compounds.size(), static_cast<std::size_t>(x.records));
-    EXPECT_EQ(r.occurrence_lists, static_cast<std::size_t>(x.records));
     const std::vector<std::string> edge_labels =
         x.mol2 ? std::vector<std::string>{"#", "*", "-", "=", "~"} : std::vector<std::string>{"#", "-", "=", "~"};
     EXPECT_EQ(r.input.dictionary.edge_labels.items, edge_labels);
@@ -138,7 +137,7 @@ TEST(sd_reader, reads_windows_line_ends_like_unix_ones) {
     EXPECT_EQ(dos_run.input.compound_names, unix_run.input.compound_names);
     ASSERT_EQ(dos_run.input.compounds.size(), unix_run.input.compounds.size());
     for (std::size_t i = 0; i < dos_run.input.compounds.size(); ++i)
-      EXPECT_EQ(compare_graphs(dos_run.input.compounds[i], unix_run.input.compounds[i]), 0) << i;
+      EXPECT_TRUE(same_form(dos_run.input.compounds[i], unix_run.input.compounds[i])) << i;
     EXPECT_EQ(testsupport::read_file(dos_path + ".dict"), testsupport::read_file(unix_path + ".dict"));
   }
 }
@@ -237,7 +236,6 @@ TEST(readers, handle_empty_and_unreadable_inputs) {
     EXPECT_EQ(r.out, "total compounds = 0\n");
     EXPECT_TRUE(r.input.compounds.empty());
     EXPECT_TRUE(r.input.compound_names.empty());
-    EXPECT_EQ(r.occurrence_lists, 0u);
     EXPECT_EQ(testsupport::read_file(empty + ".dict"), std::string(SD_DICT_HEAD) + (mol2 ? "E *\n" : ""));
   }
   EXPECT_INPUT_REFUSED(scratch.dir, Flags{}, "can't open a file '" + scratch.dir + "'\n");

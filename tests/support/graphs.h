@@ -1,6 +1,5 @@
 // Test support: small labelled graphs written out by hand, and the random
-// shapes the labelling suites renumber. The generators draw from the caller's
-// std::mt19937 in a fixed sequence: the labelling digests depend on it.
+// shapes the labelling suites renumber, drawn from the caller's std::mt19937.
 #pragma once
 
 #include <algorithm>

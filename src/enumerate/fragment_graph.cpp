@@ -1,11 +1,13 @@
-// From a bond set to a labelled fragment counted in the table.
+// From a bond set to its fragment graph.
 #include <algorithm>
 #include <cstdint>
 
-#include "canon/canon.h"
 #include "common/common.h"
 #include "enumerate/enumerate.h"
 
+namespace {
+
+// The edge label of bond i of the set in the compound.
 int bond_label(const EdgeSet& s, int i, const Graph& compound) {
   const int a = s.edge[i].first - 1, b = s.edge[i].second - 1;
   const int low = std::min(a, b), high = std::max(a, b);
@@ -15,11 +17,9 @@ int bond_label(const EdgeSet& s, int i, const Graph& compound) {
   internal_error("bond of the set is in the compound", __FILE_NAME__, __LINE__);
 }
 
-namespace {
 // Grow-only scratch, one per thread: fragments arrive by the million and are tiny.
-thread_local std::vector<int> fragment_vertices;
 thread_local std::vector<EdgeTriple> fragment_triples;
-thread_local Graph fragment;
+
 }  // namespace
 
 void fill_fragment_graph(const EdgeSet& s, const Graph& compound, Graph& f, std::vector<int>& vertices) {
@@ -56,24 +56,4 @@ void fill_fragment_graph(const EdgeSet& s, const Graph& compound, Graph& f, std:
     fragment_triples.push_back({v, u, l});
   }
   build_adjacency(fragment_triples, f);
-}
-
-Graph build_fragment_graph(const EdgeSet& s, const Graph& compound) {
-  Graph f;
-  std::vector<int> vertices;
-  fill_fragment_graph(s, compound, f, vertices);
-  return f;
-}
-
-void emit_fragment(const EdgeSet& s, const Graph& compound, int compid, FragmentContext& ctx) {
-  fill_fragment_graph(s, compound, fragment, fragment_vertices);
-  if (ctx.opt == 2 || ctx.opt == 3) {
-    bool branching = false;
-    for (int i = 0; i < fragment.vs && !branching; ++i) branching = fragment.v[i + 1] - fragment.v[i] > 2;
-    if (branching != (ctx.opt == 2)) return;
-  } else if (ctx.opt != 1) {
-    fatal_error("Option not valid\n");
-  }
-  canonical_label(fragment);
-  insert_fragment(*ctx.table, fragment, compid);
 }

@@ -1,9 +1,7 @@
-// Subtree enumeration of one compound for one length, every set built and
-// labelled on its own: the straightforward path the run's counting
-// (fragment_counter.h) is tested against.
+// The bond slots of a compound.
 #include "enumerate/tree_freq.h"
 
-#include "enumerate/enumerate.h"
+#include "common/common.h"
 
 void build_slot_table(const Graph& g, SlotTable& t) {
   t.slot.clear();
@@ -25,24 +23,4 @@ void build_slot_table(const Graph& g, SlotTable& t) {
     for (int end : {t.slot[s].first - 1, t.slot[s].second - 1})
       t.incident[static_cast<std::size_t>(end) * t.words + s / 64] |= std::uint64_t{1} << (s % 64);
   }
-}
-
-namespace {
-
-// The fragments of one compound, each built and labelled on its own.
-struct PlainEmitter {
-  const Graph& compound;
-  int compid;
-  FragmentContext& ctx;
-  void emit(const EdgeSet& s) { emit_fragment(s, compound, compid, ctx); }
-};
-
-}  // namespace
-
-void enumerate_fragments(const Graph& compound, int compid, FragmentContext& ctx) {
-  SlotTable t;
-  build_slot_table(compound, t);
-  if (ctx.threshold < 1 || ctx.threshold > static_cast<int>(t.slot.size())) return;
-  PlainEmitter plain{compound, compid, ctx};
-  search_subtrees(t, compound.vs, ctx.threshold, plain);
 }
