@@ -12,14 +12,6 @@
 
 constexpr int HASHTBL_SIZE = 6100000;
 
-// A compound's entry for one fragment: which, and how often it occurs there.
-// The counter still fills these with its own form numbers; it is to move to
-// a record of its own, and then this one goes.
-struct Occurrence {
-  int id = 0;
-  int count = 0;
-};
-
 // Which of the HASHTBL_SIZE slots are taken, one bit each. When the caller
 // already knows which fragments are equal (the enumeration keeps one record
 // per distinct canonical form), a fragment's slot is decided by the taken
