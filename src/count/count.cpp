@@ -29,11 +29,12 @@ namespace {
 // Compounds handed to a worker at a time: enough to make the hand-over cheap,
 // few enough that the workers stay evenly busy to the end.
 constexpr int BATCH_COMPOUNDS = 32;
-// A worker's counter remembers every form and growth step it met, which
-// spares labelling the same fragments again; past its share of this budget
-// it starts afresh (its forms are in the run's store already), so memory does
-// not grow with the distinct fragments beyond it. Each worker gets at least
-// the floor, below which it would relabel too often to count quickly.
+// A worker's counter remembers the growth steps and labelled graphs it met,
+// which spares labelling the same fragments again; once its share of this
+// budget is full it forgets them all and starts afresh in the same memory
+// (the forms stay in the run's store), so its memory does not grow with the
+// distinct fragments beyond it. Each worker gets at least the floor, below
+// which it would relabel too often to count quickly.
 constexpr std::size_t MEMO_BUDGET = std::size_t{128} << 20;
 constexpr std::size_t MEMO_FLOOR = std::size_t{32} << 20;
 
@@ -123,10 +124,11 @@ struct Worker {
 void count_batch(Worker& w, FormStore& store, const CountOptions& o, Batch& b) {
   try {
     RaiseFailures raise;
-    const std::size_t budget = std::max(MEMO_FLOOR, MEMO_BUDGET / std::max(o.threads, 1));
-    if (!w.counter || w.counter->memo_full() || w.counter->memo_bytes() > budget) {
-      w.counter.reset();
+    if (!w.counter) {
+      const std::size_t budget = std::max(MEMO_FLOOR, MEMO_BUDGET / std::max(o.threads, 1));
       w.counter = std::make_unique<FragmentCounter>(o.lmin, o.lmax, o.opt, &store, budget);
+    } else if (w.counter->memo_full()) {
+      w.counter->forget();
     }
     FragmentCounter& counter = *w.counter;
     const long long before = counter.fragments();

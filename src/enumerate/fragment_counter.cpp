@@ -70,6 +70,20 @@ FragmentCounter::FragmentCounter(int lmin, int lmax, int opt, FormStore* store, 
   memo_.pool.reserve(std::size_t{1} << 16);
 }
 
+void FragmentCounter::forget() {
+  FragmentMemo& m = memo_;
+  std::fill(m.hot.begin(), m.hot.end(), FormHot{});
+  std::fill(m.steps_used.begin(), m.steps_used.end(), 0);
+  m.pool.clear();
+  for (auto& tables : m.free_tables) tables.clear();
+  m.long_moves.clear();
+  m.first_bonds.clear();
+  m.orders.clear();
+  m.labelled.clear();
+  m.labelled_bytes = 0;
+  memo_full_ = false;
+}
+
 // The per-form arrays reach form f: the store numbers forms for every
 // counter sharing it, so this counter meets indices in no particular order.
 void FragmentCounter::know(int f) {

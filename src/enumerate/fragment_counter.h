@@ -50,19 +50,12 @@ class FragmentCounter {
   int longest() const { return longest_; }
   const FormStore& store() const { return *store_; }
   // The memo refused to remember something for want of room: a caller that
-  // bounds memory starts a new counter.
+  // bounds memory has it forget.
   bool memo_full() const { return memo_full_; }
-  // About what the memo holds, in bytes (the store apart): it grows with
-  // the distinct fragments met, and a caller that bounds memory starts a new
-  // counter.
-  std::size_t memo_bytes() const {
-    const FragmentMemo& m = memo_;
-    const std::size_t per_form = sizeof(FormHot) + sizeof(std::uint32_t) + 2 * sizeof(int);
-    // A remembered fragment graph: its key string on the heap and a hash node.
-    const std::size_t per_graph = 96;
-    return m.hot.capacity() * per_form + m.pool.capacity() * sizeof(StepBucket) + m.labelled_bytes +
-           m.labelled.size() * per_graph + m.orders.capacity() + m.long_moves.capacity();
-  }
+  // Forgets every step and labelled graph, keeping the room they took: a
+  // fresh memo in the same memory, so that memory does not fragment across
+  // generations of memos.
+  void forget();
  private:
   void visit(int n);
   void include(int n, int s);
