@@ -35,7 +35,7 @@ constexpr int BATCH_COMPOUNDS = 32;
 // (the forms stay in the run's store), so its memory does not grow with the
 // distinct fragments beyond it. Each worker gets at least the floor, below
 // which it would relabel too often to count quickly.
-constexpr std::size_t MEMO_BUDGET = std::size_t{128} << 20;
+constexpr std::size_t MEMO_BUDGET = std::size_t{96} << 20;
 constexpr std::size_t MEMO_FLOOR = std::size_t{32} << 20;
 
 // ---- Numbers in bytes ----
