@@ -209,8 +209,7 @@ PYBIND11_MODULE(_core, m) {
                              [](const Space& s) {
                                // Bytes: labels are whatever bytes the input held.
                                py::list out;
-                               const int n = static_cast<int>(s.space.fragments.size());
-                               for (int d = 1; d <= n; ++d) {
+                               for (int d = 1; d <= s.space.size(); ++d) {
                                  const std::string_view r = record_text(s.space, d);
                                  out.append(py::bytes(r.data(), r.size()));
                                }
@@ -220,14 +219,15 @@ PYBIND11_MODULE(_core, m) {
                              [](const Space& s) {
                                // Per descriptor: atom labels and (atom, atom, bond label) of each bond.
                                py::list out;
-                               for (const SpaceFragment& f : s.space.fragments) {
+                               for (int d = 1; d <= s.space.size(); ++d) {
+                                 const SpaceFragment f = s.space.fragment(d);
                                  py::list bonds;
                                  for (int i = 0; i < f.vs; ++i)
                                    for (int j = f.v[i]; j < f.v[i + 1]; ++j)
                                      if (i < f.e[j])
                                        bonds.append(py::make_tuple(i, f.e[j], s.space.bond_labels[f.el[j]]));
                                  py::list atoms;
-                                 for (const int a : f.vl) atoms.append(py::bytes(s.space.atom_labels[a]));
+                                 for (int i = 0; i < f.vs; ++i) atoms.append(py::bytes(s.space.atom_labels[f.vl[i]]));
                                  out.append(py::make_tuple(atoms, bonds));
                                }
                                return out;
@@ -242,7 +242,7 @@ PYBIND11_MODULE(_core, m) {
               py::gil_scoped_release release;
               rows = apply(s, settings, name, text, threads);
             }
-            return to_python(rows, static_cast<long long>(s.space.fragments.size()));
+            return to_python(rows, static_cast<long long>(s.space.size()));
           },
           py::arg("name"), py::arg("text"), py::arg("mol2"), py::arg("ds"), py::arg("lmin"), py::arg("lmax"),
           py::arg("fmin"), py::arg("atom_labels"), py::arg("bond_labels"), py::arg("threads"),

@@ -2,10 +2,13 @@
 // space's descriptors in new compounds.
 #include "space/space.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <condition_variable>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -19,15 +22,156 @@
 
 namespace {
 
+// Memory of this size and more is mapped on its own, aligned to the pages
+// that transparent huge pages use.
+constexpr std::size_t LARGE_PAGE = std::size_t{2} << 20;
+
+}  // namespace
+
+SpaceMemory::SpaceMemory(std::size_t bytes) : size_(bytes) {
+  if (bytes == 0) return;
+  if (bytes >= LARGE_PAGE) {
+    const std::size_t length = bytes + LARGE_PAGE;
+    void* m = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (m != MAP_FAILED) {
+      mapping_ = m;
+      mapped_ = length;
+      const std::uintptr_t at = (reinterpret_cast<std::uintptr_t>(m) + LARGE_PAGE - 1) & ~(LARGE_PAGE - 1);
+      data_ = reinterpret_cast<void*>(at);
+      // Only advice: where the system has no such pages, small ones serve.
+      madvise(data_, bytes, MADV_HUGEPAGE);
+      return;
+    }
+  }
+  data_ = ::operator new(bytes);
+  std::memset(data_, 0, bytes);
+}
+
+SpaceMemory::~SpaceMemory() { release(); }
+
+SpaceMemory::SpaceMemory(SpaceMemory&& other) noexcept
+    : data_(std::exchange(other.data_, nullptr)),
+      size_(std::exchange(other.size_, 0)),
+      mapping_(std::exchange(other.mapping_, nullptr)),
+      mapped_(std::exchange(other.mapped_, 0)) {}
+
+SpaceMemory& SpaceMemory::operator=(SpaceMemory&& other) noexcept {
+  if (this != &other) {
+    release();
+    data_ = std::exchange(other.data_, nullptr);
+    size_ = std::exchange(other.size_, 0);
+    mapping_ = std::exchange(other.mapping_, nullptr);
+    mapped_ = std::exchange(other.mapped_, 0);
+  }
+  return *this;
+}
+
+void SpaceMemory::release() {
+  if (mapping_ != nullptr) munmap(mapping_, mapped_);
+  else if (data_ != nullptr) ::operator delete(data_);
+  data_ = mapping_ = nullptr;
+  size_ = mapped_ = 0;
+}
+
+namespace {
+
+// ---- Threads ----
+
+// Threads that run tasks in the order they are handed over; stopped and
+// joined however the caller ends. A task keeps its own failures.
+class TaskPool {
+ public:
+  struct Task {
+    virtual ~Task() = default;
+    virtual void run(int worker) = 0;
+    bool done = false;
+  };
+
+  explicit TaskPool(int threads) {
+    try {
+      for (int i = 0; i < threads; ++i) threads_.emplace_back([this, i] { serve(i); });
+    } catch (...) {
+      stop_all();
+      throw;
+    }
+  }
+  ~TaskPool() { stop_all(); }
+  TaskPool(const TaskPool&) = delete;
+  TaskPool& operator=(const TaskPool&) = delete;
+
+  void submit(Task& task) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      task.done = false;
+      queue_.push_back(&task);
+    }
+    work_.notify_one();
+  }
+  void wait_for(Task& task) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    finished_.wait(lock, [&task] { return task.done; });
+  }
+
+ private:
+  void serve(int worker) {
+    RaiseFailures raise;
+    for (;;) {
+      Task* task = nullptr;
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        work_.wait(lock, [this] { return stop_ || !queue_.empty(); });
+        if (stop_) return;
+        task = queue_.front();
+        queue_.pop_front();
+      }
+      task->run(worker);
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        task->done = true;
+      }
+      finished_.notify_all();
+    }
+  }
+  void stop_all() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stop_ = true;
+    }
+    work_.notify_all();
+    for (std::thread& t : threads_) t.join();
+    threads_.clear();
+  }
+
+  std::mutex mutex_;
+  std::condition_variable work_, finished_;
+  std::deque<Task*> queue_;
+  bool stop_ = false;
+  std::vector<std::thread> threads_;
+};
+
+// Runs the task on the pool, or at once on this thread when there is none.
+void start(TaskPool* pool, TaskPool::Task& task) {
+  if (pool != nullptr) {
+    pool->submit(task);
+  } else {
+    task.run(0);
+    task.done = true;
+  }
+}
+
 // ---- Reading records ----
 
-// The lines of a text in memory, or of a file read a chunk at a time (a
-// structure file runs to tens of megabytes, and only its fragments are
-// kept), each without its line end ("\r\n" or "\n").
+// The lines of a text in memory, or of a file read a chunk at a time after
+// the bytes already in hand, each without its line end ("\r\n" or "\n").
 class Lines {
  public:
   explicit Lines(std::string_view text) : data_(text) {}
-  explicit Lines(std::FILE* file) : file_(file), buffer_(1 << 20) {}
+  Lines(std::FILE* file, std::vector<char> first) : file_(file) {
+    const std::size_t n = first.size();
+    first.resize(std::max<std::size_t>(n, 1 << 20));
+    buffer_ = std::move(first);
+    data_ = std::string_view(buffer_.data(), n);
+  }
 
   long long number = 0;  // 1-based number of the last line taken
   std::string_view line;
@@ -38,13 +182,19 @@ class Lines {
 
   bool next() {
     std::size_t end;
-    while ((end = data_.find('\n', scanned_)) == std::string_view::npos) {
+    while (true) {
+      const void* nl = scanned_ < data_.size() ? std::memchr(data_.data() + scanned_, '\n', data_.size() - scanned_)
+                                               : nullptr;
+      if (nl != nullptr) {
+        end = static_cast<std::size_t>(static_cast<const char*>(nl) - data_.data());
+        break;
+      }
       scanned_ = data_.size();
-      if (!refill()) break;
-    }
-    if (end == std::string_view::npos) {
-      if (at_ >= data_.size()) return false;
-      end = data_.size();  // a last line without its line feed
+      if (!refill()) {
+        if (at_ >= data_.size()) return false;
+        end = data_.size();  // a last line without its line feed
+        break;
+      }
     }
     line = data_.substr(at_, end - at_);
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
@@ -82,15 +232,112 @@ class Lines {
   std::vector<char> buffer_;
 };
 
+// A record refused: where, and why. Record and line count from the start of
+// the text being read; the caller adds what lies before it.
+struct RecordFault {
+  int record = 0;
+  long long line = 0;
+  std::string what;
+};
+
+// The text being read ended inside a record, and more text follows it: the
+// record is to be read again from the whole file.
+struct PartCut {};
+
 struct Bond {
   int a, b;
-  int label;  // the space's bond label, numbered in order of first appearance until the end
+  int label;  // the part's bond label, numbered in order of first appearance
+};
+
+// Label strings numbered in order of first appearance while reading; at the
+// end they are put in byte order and every fragment renumbered.
+struct LabelHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+};
+struct Interner {
+  std::unordered_map<std::string, int, LabelHash, std::equal_to<>> number;
+  std::vector<std::string> strings;
+  // Labels are short and few: those of up to 7 bytes are found by their
+  // bytes as a number, in a small table in front of the map.
+  struct Recent {
+    std::uint64_t key = 0;  // 0 for none: a packed key holds its length
+    int number = 0;
+  };
+  Recent recent[64];
+  int of(std::string_view label) {
+    std::uint64_t key = 0;
+    if (label.size() <= 7) {
+      for (std::size_t i = 0; i < label.size(); ++i)
+        key |= static_cast<std::uint64_t>(static_cast<unsigned char>(label[i])) << (8 * i);
+      key |= static_cast<std::uint64_t>(label.size() + 1) << 56;
+      const Recent& r = recent[(key * 0x9e3779b97f4a7c15ull) >> 58];
+      if (r.key == key) return r.number;
+    }
+    int n;
+    if (const auto it = number.find(label); it != number.end()) {
+      n = it->second;
+    } else {
+      n = static_cast<int>(strings.size());
+      number.emplace(std::string(label), n);
+      strings.emplace_back(label);
+    }
+    if (key != 0) recent[(key * 0x9e3779b97f4a7c15ull) >> 58] = Recent{key, n};
+    return n;
+  }
+  // Byte order; returns the new number of each old one.
+  std::vector<int> sort(std::vector<std::string>& sorted) const {
+    sorted = strings;
+    std::sort(sorted.begin(), sorted.end());
+    std::vector<int> renumber(strings.size());
+    for (std::size_t i = 0; i < strings.size(); ++i)
+      renumber[i] = static_cast<int>(std::lower_bound(sorted.begin(), sorted.end(), strings[i]) - sorted.begin());
+    return renumber;
+  }
+};
+
+// A record's arrays in a block: vs, es, then vl, v, e and el.
+constexpr int HEAD = 2;
+SpaceFragment view_at(const int* p) {
+  SpaceFragment f;
+  f.vs = p[0];
+  f.es = p[1];
+  f.vl = p + HEAD;
+  f.v = f.vl + f.vs;
+  f.e = f.v + f.vs + 1;
+  f.el = f.e + f.es;
+  return f;
+}
+std::size_t record_ints(int vs, int es) { return HEAD + 2 * static_cast<std::size_t>(vs) + 1 + 2 * es; }
+
+// The record's labels under new numbers.
+void renumber_labels(int* p, const std::vector<int>& atom_number, const std::vector<int>& bond_number) {
+  const int vs = p[0], es = p[1];
+  int* vl = p + HEAD;
+  int* el = vl + 2 * vs + 1 + es;
+  for (int i = 0; i < vs; ++i) vl[i] = atom_number[vl[i]];
+  for (int j = 0; j < es; ++j) el[j] = bond_number[el[j]];
+}
+
+// What reading a part of the text leaves: its records' arrays with labels
+// numbered in byte order among the part's own labels.
+struct PartRecords {
+  std::vector<int> arrays;
+  int* placed = nullptr;  // where the arrays lie in the space, once they do
+  std::vector<std::size_t> starts;                       // each record's arrays in `arrays`
+  std::vector<std::pair<int, std::size_t>> rearranged;   // (record of the part, 0-based; its arrangement)
+  std::vector<std::string> atom_labels, bond_labels;     // byte order
+  std::vector<std::pair<std::size_t, std::size_t>> spans;  // (start, length) in the part's text, when kept
+  int records = 0;
+  long long lines = 0;
+  int shortest = 0, longest = 0;
 };
 
 struct RecordReader {
-  RecordReader(const std::string& n, Lines& l) : name(n), lines(l) {}
+  RecordReader(const std::string& n, Lines& l, bool at_end) : name(n), lines(l), last(at_end) {}
   const std::string& name;
   Lines& lines;
+  bool last;       // the lines end where the file ends
   int record = 0;  // 1-based number of the record being read
 
   // Scratch, kept from record to record.
@@ -103,13 +350,12 @@ struct RecordReader {
 
   // Names the line last read, or the given one.
   [[noreturn]] void refuse(const std::string& what) const { refuse_at(lines.number, what); }
-  [[noreturn]] void refuse_at(long long line, const std::string& what) const {
-    fatal_error(format_text("%s: record %d (line %lld): %s\n", name.c_str(), record, line, what.c_str()));
-  }
+  [[noreturn]] void refuse_at(long long line, const std::string& what) const { throw RecordFault{record, line, what}; }
   // The next line of the record; what names it (with k of n: "atom line"
   // 3 of 5) should the file end before it.
   std::string_view take(const char* what, int k = 0, int n = 0) {
     if (lines.next()) return lines.line;
+    if (!last) throw PartCut{};
     if (n > 0) refuse(format_text("the file ends before %s %d of %d", what, k, n));
     refuse(format_text("the file ends before %s", what));
   }
@@ -146,38 +392,11 @@ int column_number(std::string_view line, std::size_t first) {
   return number_of(field);
 }
 
-struct LabelHash {
-  using is_transparent = void;
-  std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
-};
-
-// Label strings numbered in order of first appearance while reading; at the
-// end they are put in byte order and every fragment renumbered.
-struct Interner {
-  std::unordered_map<std::string, int, LabelHash, std::equal_to<>> number;
-  std::vector<std::string> strings;
-  int of(std::string_view label) {
-    if (const auto it = number.find(label); it != number.end()) return it->second;
-    number.emplace(std::string(label), static_cast<int>(strings.size()));
-    strings.emplace_back(label);
-    return static_cast<int>(strings.size()) - 1;
-  }
-  // Byte order; returns the new number of each old one.
-  std::vector<int> sort(std::vector<std::string>& sorted) {
-    sorted = strings;
-    std::sort(sorted.begin(), sorted.end());
-    std::vector<int> renumber(strings.size());
-    for (std::size_t i = 0; i < strings.size(); ++i)
-      renumber[i] = static_cast<int>(std::lower_bound(sorted.begin(), sorted.end(), strings[i]) - sorted.begin());
-    return renumber;
-  }
-};
-
-// Checks the atoms and bonds of a record and turns them into the fragment:
-// a tree with at least one bond, every bond between two of its atoms, none
-// twice; each atom's neighbours in ascending order, as labelling writes them.
-// The first bad bond in file order is the one named.
-SpaceFragment make_fragment(RecordReader& r) {
+// Checks the atoms and bonds of a record and appends the fragment to the
+// part: a tree with at least one bond, every bond between two of its atoms,
+// none twice; each atom's neighbours in ascending order, as labelling writes
+// them. The first bad bond in file order is the one named.
+void add_fragment(RecordReader& r, PartRecords& part) {
   const std::vector<Bond>& bonds = r.bonds;
   const int n = static_cast<int>(r.atoms.size());
   const int nb = static_cast<int>(bonds.size());
@@ -208,34 +427,39 @@ SpaceFragment make_fragment(RecordReader& r) {
     }
     root[x] = y;
   }
-  SpaceFragment f;
-  f.vs = n;
-  f.es = 2 * nb;
-  f.vl.assign(r.atoms.begin(), r.atoms.end());
-  f.v.assign(n + 1, 0);
+  const int es = 2 * nb;
+  const std::size_t start = part.arrays.size();
+  part.arrays.resize(start + record_ints(n, es));
+  int* p = part.arrays.data() + start;
+  p[0] = n;
+  p[1] = es;
+  int* vl = p + HEAD;
+  int* v = vl + n;
+  int* e = v + n + 1;
+  int* el = e + es;
+  std::copy(r.atoms.begin(), r.atoms.end(), vl);
+  std::fill(v, v + n + 1, 0);
   for (const Bond& bond : bonds) {
-    ++f.v[bond.a];
-    ++f.v[bond.b];
+    ++v[bond.a];
+    ++v[bond.b];
   }
-  for (int i = 0; i < n; ++i) f.v[i + 1] += f.v[i];
-  r.fill.assign(f.v.begin(), f.v.end() - 1);
-  f.e.resize(f.es);
-  f.el.resize(f.es);
+  for (int i = 0; i < n; ++i) v[i + 1] += v[i];
+  r.fill.assign(v, v + n);
   for (const Bond& bond : bonds) {
     const int a = bond.a - 1, b = bond.b - 1;
-    f.e[r.fill[a]] = b;
-    f.el[r.fill[a]++] = bond.label;
-    f.e[r.fill[b]] = a;
-    f.el[r.fill[b]++] = bond.label;
+    e[r.fill[a]] = b;
+    el[r.fill[a]++] = bond.label;
+    e[r.fill[b]] = a;
+    el[r.fill[b]++] = bond.label;
   }
   // Neighbours ascending; a few per atom, so insertion sort.
   for (int i = 0; i < n; ++i)
-    for (int j = f.v[i] + 1; j < f.v[i + 1]; ++j)
-      for (int k = j; k > f.v[i] && f.e[k - 1] > f.e[k]; --k) {
-        std::swap(f.e[k - 1], f.e[k]);
-        std::swap(f.el[k - 1], f.el[k]);
+    for (int j = v[i] + 1; j < v[i + 1]; ++j)
+      for (int k = j; k > v[i] && e[k - 1] > e[k]; --k) {
+        std::swap(e[k - 1], e[k]);
+        std::swap(el[k - 1], el[k]);
       }
-  return f;
+  part.starts.push_back(start);
 }
 
 const char* sd_bond_label(int type) {
@@ -250,7 +474,7 @@ const char* sd_bond_label(int type) {
 
 // "ID", the program line, an empty line, the counts, atoms, bonds, "M  END",
 // "$$$$": the SD records a run writes for SD input.
-SpaceFragment read_sd_record(RecordReader& r, Interner& atom_labels, Interner& bond_labels) {
+void read_sd_record(RecordReader& r, Interner& atom_labels, Interner& bond_labels, PartRecords& part) {
   r.take("the program line");
   r.take("the comment line");
   const std::string_view counts = r.take("the counts line");
@@ -280,7 +504,7 @@ SpaceFragment read_sd_record(RecordReader& r, Interner& atom_labels, Interner& b
   }
   if (r.take("the \"M  END\" line") != "M  END") r.refuse("the line after the bonds is not \"M  END\"");
   if (r.take("the \"$$$$\" line") != "$$$$") r.refuse("the line after \"M  END\" is not \"$$$$\"");
-  return make_fragment(r);
+  add_fragment(r, part);
 }
 
 const char* mol2_bond_label(std::string_view type) {
@@ -295,7 +519,7 @@ const char* mol2_bond_label(std::string_view type) {
 // The Mol2 records a run writes for Mol2 input: the molecule line (already
 // taken), the id, the counts, the head lines, the atoms, the bonds and an
 // empty line.
-SpaceFragment read_mol2_record(RecordReader& r, Interner& atom_labels, Interner& bond_labels) {
+void read_mol2_record(RecordReader& r, Interner& atom_labels, Interner& bond_labels, PartRecords& part) {
   r.take("the molecule name");
   const std::vector<std::string_view>& counts = r.split(r.take("the counts line"));
   r.counts_line = r.lines.number;
@@ -322,8 +546,14 @@ SpaceFragment read_mol2_record(RecordReader& r, Interner& atom_labels, Interner&
       r.refuse(format_text("bond line %d does not give two atoms and a bond type 1, 2, 3, ar or am", k + 1));
     r.bonds.push_back({a, b, bond_labels.of(label)});
   }
-  if (r.lines.next() && !r.lines.line.empty()) r.refuse("the line after the bonds is not empty");
-  return make_fragment(r);
+  // The empty line: where more text follows the part, the record is read
+  // again with it.
+  if (r.lines.next()) {
+    if (!r.lines.line.empty()) r.refuse("the line after the bonds is not empty");
+  } else if (!r.last) {
+    throw PartCut{};
+  }
+  add_fragment(r, part);
 }
 
 // A hash of a form's arrays, with its labels as the caller numbers them.
@@ -340,166 +570,555 @@ std::uint64_t form_hash(int vs, int es, const int* v, const int* e, AtomLabel at
   return h ^ (h >> 33);
 }
 
-bool same_arrays(const SpaceFragment& a, const SpaceFragment& b) {
-  return a.vs == b.vs && a.es == b.es && a.vl == b.vl && a.v == b.v && a.e == b.e && a.el == b.el;
+std::uint64_t own_hash(const int* p) {
+  const SpaceFragment f = view_at(p);
+  return form_hash(f.vs, f.es, f.v, f.e, [&](int i) { return f.vl[i]; }, [&](int j) { return f.el[j]; });
 }
 
-bool same_arrays(const Graph& a, const SpaceFragment& b) {
-  return a.vs == b.vs && a.es == b.es && a.vl == b.vl && a.v == b.v && a.e == b.e && a.el == b.el;
+bool same_arrays(const int* a, const int* b) {
+  return a[0] == b[0] && a[1] == b[1] && std::equal(a + HEAD, a + record_ints(a[0], a[1]), b + HEAD);
 }
 
-// Labelling's arrangement of the fragment in g (scratch, reused), when that
-// arrangement does not depend on how the tree's atoms happen to be numbered;
-// false for trees with cells of equal atoms too large for that. Labels keep
-// their numbers, which are in byte order as a file's are.
-bool canonical_arrangement(const SpaceFragment& f, Graph& g) {
-  g.vs = f.vs;
-  g.es = f.es;
-  g.ncell = 0;
-  g.key = 0;
-  g.v.assign(f.v.begin(), f.v.end());
-  g.e.assign(f.e.begin(), f.e.end());
-  g.vl.assign(f.vl.begin(), f.vl.end());
-  g.el.assign(f.el.begin(), f.el.end());
-  g.vid.resize(f.vs);
-  std::iota(g.vid.begin(), g.vid.end(), 0);
-  g.vcell.assign(f.vs, 0);
-  return canonical_label_fast(g);
-}
-
-std::uint64_t own_hash(const SpaceFragment& f) {
-  return form_hash(f.vs, f.es, f.v.data(), f.e.data(), [&](int i) { return f.vl[i]; }, [&](int j) { return f.el[j]; });
-}
-
-// Reads every record from lines into the space: fragments, labels, lengths,
-// where each record lies, and labelling's arrangement of the records written
-// in another; refuses the same fragment twice.
-void read_records(const std::string& name, Lines& lines, DescriptorSpace& space, int threads) {
-  RecordReader r(name, lines);
-  Interner atom_labels, bond_labels;
-  bool first = true;
-  while (true) {
-    // Empty lines between records (and a file that ends in some) are passed over.
-    const std::size_t start = lines.offset();
-    if (!lines.next()) break;
-    if (lines.line.empty()) continue;
-    ++r.record;
-    // The first line that is not empty tells the kind of records.
-    if (first) space.mol2 = lines.line.substr(0, 17) == "@<TRIPOS>MOLECULE";
-    first = false;
-    if (space.mol2 && lines.line.substr(0, 17) != "@<TRIPOS>MOLECULE")
-      r.refuse("the record does not begin with @<TRIPOS>MOLECULE");
-    space.fragments.push_back(space.mol2 ? read_mol2_record(r, atom_labels, bond_labels)
-                                         : read_sd_record(r, atom_labels, bond_labels));
-    space.spans.emplace_back(start, lines.offset() - start);
-    const int bonds = space.fragments.back().es / 2;
-    space.shortest = space.shortest == 0 ? bonds : std::min(space.shortest, bonds);
-    space.longest = std::max(space.longest, bonds);
+// Labelling's arrangement of the record at `start`, appended to the part
+// when it differs from the record's own; nothing when the record is in it
+// already, or when the tree has cells of equal atoms too large for the
+// arrangement not to depend on how its atoms happen to be numbered. Labels
+// keep their numbers: labelling only compares them, and they are in byte
+// order within the part as within the whole space.
+void settle_arrangement(PartRecords& part, int record, SmallGraph& in) {
+  const std::size_t start = part.starts[record];
+  const SpaceFragment f = view_at(part.arrays.data() + start);
+  const int n = f.vs;
+  if (n < 1 || n > SMALL_GRAPH_VERTICES) return;
+  in.n = n;
+  for (int u = 0; u < n; ++u) {
+    std::memset(in.adj[u], 0, sizeof(int) * n);
+    in.label[u] = f.vl[u];
+    in.deg[u] = f.v[u + 1] - f.v[u];
+    for (int j = f.v[u]; j < f.v[u + 1]; ++j) {
+      in.adj[u][f.e[j]] = f.el[j] + 1;
+      in.nb[u][j - f.v[u]] = f.e[j];
+    }
   }
-  if (lines.failed) fatal_error(format_text("can't read a file '%s'\n", name.c_str()));
-  const std::vector<int> atom_number = atom_labels.sort(space.atom_labels);
-  const std::vector<int> bond_number = bond_labels.sort(space.bond_labels);
-  for (SpaceFragment& f : space.fragments) {
-    for (int& l : f.vl) l = atom_number[l];
-    for (int& l : f.el) l = bond_number[l];
+  int order[SMALL_GRAPH_VERTICES];
+  if (!canonical_order_fast(in, order)) return;
+  bool identity = true;
+  for (int k = 0; k < n && identity; ++k) identity = order[k] == k;
+  if (identity) return;
+  // The record read in that order, as labelling writes it.
+  std::vector<int>& arrays = part.arrays;
+  const std::size_t at = arrays.size();
+  arrays.resize(at + record_ints(n, f.es));
+  int* p = arrays.data() + at;
+  p[0] = n;
+  p[1] = f.es;
+  int* vl = p + HEAD;
+  int* v = vl + n;
+  int* e = v + n + 1;
+  int* el = e + f.es;
+  for (int k = 0; k < n; ++k) vl[k] = in.label[order[k]];
+  int c = 0;
+  v[0] = 0;
+  for (int a = 0; a < n; ++a) {
+    const int* row = in.adj[order[a]];
+    for (int b = 0; b < n; ++b) {
+      if (b == a) continue;
+      if (const int code = row[order[b]]; code != 0) {
+        e[c] = b;
+        el[c] = code - 1;
+        ++c;
+      }
+    }
+    v[a + 1] = c;
   }
-  // The same fragment twice: the same arrays, or, where labelling settles one
-  // arrangement for every numbering, the same tree in two arrangements.
-  // Records are kept in their own arrangement; only those labelling would
-  // arrange otherwise (made by hand) are held rearranged as well.
-  const int n = static_cast<int>(space.fragments.size());
-  std::vector<int> rearranged(n + 1, -1);  // descriptor -> index in space.rearranged
-  auto form_of = [&](int d) -> const SpaceFragment& {
-    return rearranged[d] < 0 ? space.fragments[d - 1] : space.rearranged[rearranged[d]].second;
-  };
-  // Each record's arrangement is settled on its own, so the records are
-  // shared out among the threads in ranges; the rearranged ones are then
-  // gathered in record order.
-  std::vector<std::pair<std::uint64_t, int>> hashes(n);
-  const int parts = std::clamp(threads, 1, std::max(1, n / 1024));
-  std::vector<std::vector<std::pair<int, SpaceFragment>>> found(parts);
-  std::vector<Failure> failures(parts);
-  std::vector<char> failed(parts, 0);
-  auto arrange = [&](int part) {
+  // A symmetric tree may come out the same in another order.
+  if (same_arrays(p, arrays.data() + start)) arrays.resize(at);
+  else part.rearranged.emplace_back(record, at);
+}
+
+// ---- Parts of the text ----
+
+// Bytes read from a file, their room made without writing it first (the
+// read does).
+struct Bytes {
+  std::unique_ptr<char[]> data;
+  std::size_t size = 0, capacity = 0;
+  void reserve(std::size_t n) {
+    if (n <= capacity) return;
+    auto more = std::make_unique_for_overwrite<char[]>(n);
+    if (size > 0) std::memcpy(more.get(), data.get(), size);
+    data = std::move(more);
+    capacity = n;
+  }
+  std::string_view view() const { return std::string_view(data.get(), size); }
+};
+
+// A part of the structure file that begins where a record may begin, and
+// what reading it gave.
+struct Part : TaskPool::Task {
+  // What to read.
+  const std::string* name = nullptr;
+  bool mol2 = false;
+  bool keep_spans = false;
+  std::size_t offset = 0;  // of its text in the whole file
+  std::string_view text;
+  Bytes bytes;              // its text, when read from a file
+  bool last = false;        // the file ends where it ends
+
+  // What reading it gave.
+  enum class State { read, fault, cut, failed } state = State::read;
+  RecordFault fault;
+  Failure failure;  // state failed, unless out of memory
+  bool out_of_memory = false;
+  bool arrange_failed = false;  // records read, their arrangements not settled
+  Failure arrange_failure;
+  bool arrange_out_of_memory = false;
+  PartRecords records;
+
+  void run(int) override {
+    Lines lines(text);
+    read(lines);
+  }
+
+  // Reads every record of lines, then settles their labels and arrangements.
+  void read(Lines& lines) {
     try {
       RaiseFailures raise;
-      Graph g;
-      for (int d = 1 + static_cast<int>(static_cast<long long>(n) * part / parts);
-           d <= static_cast<int>(static_cast<long long>(n) * (part + 1) / parts); ++d) {
-        const SpaceFragment& f = space.fragments[d - 1];
-        if (canonical_arrangement(f, g) && !same_arrays(g, f)) {
-          found[part].emplace_back(d, SpaceFragment{g.vs, g.es, g.v, g.e, g.vl, g.el});
-          hashes[d - 1] = {own_hash(found[part].back().second), d};
-        } else {
-          hashes[d - 1] = {own_hash(f), d};
-        }
+      RecordReader r(*name, lines, last);
+      Interner atoms, bonds;
+      PartRecords& out = records;
+      // Untouched capacity costs no memory: room for the arrays of any run's
+      // records, so that they are written once.
+      if (!text.empty()) out.arrays.reserve(text.size() / 4);
+      while (true) {
+        // Empty lines between records (and a file that ends in some) are passed over.
+        const std::size_t start = lines.offset();
+        if (!lines.next()) break;
+        if (lines.line.empty()) continue;
+        ++r.record;
+        if (mol2 && lines.line.substr(0, 17) != "@<TRIPOS>MOLECULE")
+          r.refuse("the record does not begin with @<TRIPOS>MOLECULE");
+        if (mol2) read_mol2_record(r, atoms, bonds, out);
+        else read_sd_record(r, atoms, bonds, out);
+        if (keep_spans) out.spans.emplace_back(start, lines.offset() - start);
+        const int bonds_in = out.arrays[out.starts.back() + 1] / 2;
+        out.shortest = out.shortest == 0 ? bonds_in : std::min(out.shortest, bonds_in);
+        out.longest = std::max(out.longest, bonds_in);
       }
+      out.records = r.record;
+      out.lines = lines.number;
+      const std::vector<int> atom_number = atoms.sort(out.atom_labels);
+      const std::vector<int> bond_number = bonds.sort(out.bond_labels);
+      for (const std::size_t s : out.starts) renumber_labels(out.arrays.data() + s, atom_number, bond_number);
+    } catch (const RecordFault& f) {
+      state = State::fault;
+      fault = f;
+      return;
+    } catch (const PartCut&) {
+      state = State::cut;
+      return;
     } catch (const Failure& f) {
-      failures[part] = f;
-      failed[part] = 1;
+      state = State::failed;
+      failure = f;
+      return;
+    } catch (const std::exception&) {
+      state = State::failed;
+      out_of_memory = true;
+      return;
     }
+    try {
+      RaiseFailures raise;
+      auto scratch = std::make_unique<SmallGraph>();
+      for (int k = 0; k < records.records; ++k) settle_arrangement(records, k, *scratch);
+    } catch (const Failure& f) {
+      arrange_failed = true;
+      arrange_failure = f;
+    } catch (const std::exception&) {
+      arrange_failed = arrange_out_of_memory = true;
+    }
+  }
+};
+
+// Cuts a text, in memory or read from a file, into parts that end where a
+// record may end: after a "$$$$" line (SD), before a "@<TRIPOS>MOLECULE"
+// line (Mol2). A part's guess can be wrong only in a file that is not
+// records as a run writes them; reading the part then says so (PartCut, or a
+// fault), and the text is read again from there in one piece.
+class PartSource {
+ public:
+  PartSource(std::string_view text, std::size_t chunk) : text_(text), chunk_(chunk) {}
+  PartSource(std::FILE* file, std::size_t chunk) : file_(file), chunk_(chunk) {}
+
+  bool failed = false;  // the file could not be read to its end
+  bool mol2 = false;    // known once the first part is out
+
+  // The next part's text into p; false when the text is used up.
+  bool next(Part& p) {
+    if (done_) return false;
+    while (true) {
+      const bool more = extend();
+      const std::string_view w = window();
+      if (!kind_known_) find_kind(w, !more);
+      std::size_t cut = 0;
+      if (!more) {
+        cut = w.size();
+        done_ = true;
+        if (cut == 0) return false;
+      } else if (kind_known_ && w.size() >= chunk_) {
+        cut = boundary(w);
+      }
+      if (cut == 0) continue;
+      p.offset = offset_;
+      p.mol2 = mol2;
+      p.last = done_;
+      if (file_ != nullptr) {
+        // The bytes after the cut start the next part.
+        Bytes rest = fresh_buffer();
+        rest.reserve(buffer_.size - cut);
+        std::memcpy(rest.data.get(), buffer_.data.get() + cut, buffer_.size - cut);
+        rest.size = buffer_.size - cut;
+        buffer_.size = cut;
+        p.bytes = std::move(buffer_);
+        p.text = p.bytes.view();
+        buffer_ = std::move(rest);
+      } else {
+        p.text = w.substr(0, cut);
+        begin_ += cut;
+      }
+      offset_ += cut;
+      searched_ = 0;
+      return true;
+    }
+  }
+
+  // A part's bytes, once read, for a later part: memory already in use
+  // costs less than new memory.
+  void recycle(Bytes&& bytes) {
+    if (bytes.capacity == 0) return;
+    bytes.size = 0;
+    spare_.push_back(std::move(bytes));
+  }
+
+  // The bytes read from the file and not yet handed out, for reading the
+  // rest in one piece.
+  std::string_view take_rest() {
+    done_ = true;
+    return buffer_.view();
+  }
+
+ private:
+  Bytes fresh_buffer() {
+    Bytes b;
+    if (!spare_.empty()) {
+      b = std::move(spare_.back());
+      spare_.pop_back();
+    } else {
+      b.reserve(chunk_ + chunk_ / 8);
+    }
+    return b;
+  }
+  std::string_view window() const { return file_ != nullptr ? buffer_.view() : text_.substr(begin_, end_ - begin_); }
+  // Takes up to chunk_ more bytes into the window; false at the end.
+  bool extend() {
+    if (file_ == nullptr) {
+      if (end_ == text_.size()) return false;
+      end_ = std::min(text_.size(), end_ + chunk_);
+      return true;
+    }
+    if (buffer_.capacity == 0) buffer_ = fresh_buffer();
+    if (buffer_.capacity < buffer_.size + chunk_) buffer_.reserve(std::max(buffer_.size + chunk_, 2 * buffer_.capacity));
+    const std::size_t got = std::fread(buffer_.data.get() + buffer_.size, 1, chunk_, file_);
+    buffer_.size += got;
+    if (got == 0) failed = std::ferror(file_) != 0;
+    return got > 0;
+  }
+  // The first line that is not empty tells the kind of records.
+  void find_kind(std::string_view w, bool at_end) {
+    std::size_t at = 0;
+    while (at < w.size()) {
+      const std::size_t nl = w.find('\n', at);
+      if (nl == std::string_view::npos && !at_end) return;  // not whole yet
+      std::string_view line = w.substr(at, nl == std::string_view::npos ? std::string_view::npos : nl - at);
+      if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+      if (!line.empty()) {
+        mol2 = line.substr(0, 17) == "@<TRIPOS>MOLECULE";
+        kind_known_ = true;
+        return;
+      }
+      if (nl == std::string_view::npos) break;
+      at = nl + 1;
+    }
+    if (at_end) kind_known_ = true;
+  }
+  // Where the last whole line of the window that may end a record ends; 0
+  // for none. Lines already looked at in this window are not looked at again.
+  std::size_t boundary(std::string_view w) {
+    const char* base = w.data();
+    const void* found = ::memrchr(base, '\n', w.size());
+    if (found == nullptr) return 0;
+    std::size_t end = static_cast<std::size_t>(static_cast<const char*>(found) - base);  // the line's '\n'
+    const std::size_t floor = searched_;
+    searched_ = end + 1;
+    while (true) {
+      const void* before = end > floor ? ::memrchr(base + floor, '\n', end - floor) : nullptr;
+      const std::size_t start =
+          before != nullptr ? static_cast<std::size_t>(static_cast<const char*>(before) - base) + 1 : floor;
+      if (start > 0 && start >= floor) {
+        const std::string_view line = w.substr(start, end - start);
+        if (mol2 ? line.substr(0, 17) == "@<TRIPOS>MOLECULE" : line == "$$$$" || line == "$$$$\r")
+          return mol2 ? start : end + 1;
+      }
+      if (before == nullptr) return 0;
+      end = start - 1;
+    }
+  }
+
+  std::string_view text_;
+  std::size_t begin_ = 0, end_ = 0;  // the window in text_
+  std::FILE* file_ = nullptr;
+  Bytes buffer_;                     // the window, from a file
+  std::vector<Bytes> spare_;
+  std::size_t chunk_;
+  std::size_t offset_ = 0;           // of the window in the whole text
+  std::size_t searched_ = 0;         // the window's lines before this hold no boundary
+  bool kind_known_ = false;
+  bool done_ = false;
+};
+
+// Parts read at a time: enough to keep the threads busy, few enough that
+// the text in hand stays a few megabytes.
+constexpr std::size_t PART_BYTES = std::size_t{1} << 20;
+
+// Places arrays in the space's blocks, each block twice the size of the
+// one before, up to a bound.
+class Arena {
+ public:
+  explicit Arena(std::vector<SpaceMemory>& blocks) : blocks_(blocks) {}
+  int* place(const std::vector<int>& arrays) {
+    const std::size_t n = arrays.size();
+    if (blocks_.empty() || used_ + n > blocks_.back().size() / sizeof(int)) {
+      std::size_t bytes = blocks_.empty() ? std::size_t{256} << 10 : std::min(2 * blocks_.back().size(), MAX_BLOCK);
+      blocks_.emplace_back(std::max(bytes, n * sizeof(int)));
+      used_ = 0;
+    }
+    int* at = static_cast<int*>(blocks_.back().data()) + used_;
+    std::copy(arrays.begin(), arrays.end(), at);
+    used_ += n;
+    return at;
+  }
+
+ private:
+  static constexpr std::size_t MAX_BLOCK = std::size_t{256} << 20;
+  std::vector<SpaceMemory>& blocks_;
+  std::size_t used_ = 0;  // ints of the last block in use
+};
+
+[[noreturn]] void report(const Failure& f) {
+  if (f.on_stderr) fatal_error_on_stderr(f.message);
+  fatal_error(f.message);
+}
+
+// Reads every part of the source, refusing the first fault in the file; the
+// parts' records in file order.
+std::vector<std::unique_ptr<Part>> read_parts(const std::string& name, PartSource& source, std::FILE* file,
+                                              std::string_view text, bool keep_spans, int threads,
+                                              DescriptorSpace& space) {
+  threads = std::max(threads, 1);
+  std::vector<std::unique_ptr<Part>> parts;
+  // A part's arrays are copied into the space once it is read, and its
+  // vector, memory already touched, serves a later part.
+  Arena arena(space.blocks);
+  std::vector<std::vector<int>> spare_arrays;
+  // Declared before the pool, so that however this ends the workers have
+  // stopped before the parts they may be reading go away.
+  std::deque<std::unique_ptr<Part>> in_flight;
+  std::unique_ptr<TaskPool> pool = threads > 1 ? std::make_unique<TaskPool>(threads) : nullptr;
+  const std::size_t limit = threads > 1 ? 2 * static_cast<std::size_t>(threads) : 1;
+  int record_base = 0;
+  long long line_base = 0;
+  bool source_done = false;
+  while (true) {
+    while (!source_done && in_flight.size() < limit) {
+      auto p = std::make_unique<Part>();
+      p->name = &name;
+      p->keep_spans = keep_spans;
+      if (!source.next(*p)) {
+        source_done = true;
+        break;
+      }
+      if (!spare_arrays.empty()) {
+        p->records.arrays = std::move(spare_arrays.back());
+        spare_arrays.pop_back();
+      }
+      start(pool.get(), *p);
+      in_flight.push_back(std::move(p));
+    }
+    if (in_flight.empty()) break;
+    Part& front = *in_flight.front();
+    if (pool) pool->wait_for(front);
+    if (front.state == Part::State::cut) {
+      // The guess of where the part ends was wrong: the rest of the file is
+      // read as one part, from the part's start.
+      if (pool) {
+        for (auto& p : in_flight) pool->wait_for(*p);
+      }
+      auto whole = std::make_unique<Part>();
+      whole->name = &name;
+      whole->mol2 = front.mol2;
+      whole->keep_spans = keep_spans;
+      whole->offset = front.offset;
+      whole->last = true;
+      if (file != nullptr) {
+        std::vector<char> held;
+        for (auto& p : in_flight) held.insert(held.end(), p->text.begin(), p->text.end());
+        const std::string_view rest = source.take_rest();
+        held.insert(held.end(), rest.begin(), rest.end());
+        in_flight.clear();
+        Lines lines(file, std::move(held));
+        whole->read(lines);
+        if (lines.failed) source.failed = true;
+      } else {
+        in_flight.clear();
+        Lines lines(text.substr(whole->offset));
+        whole->read(lines);
+      }
+      whole->done = true;
+      source_done = true;
+      in_flight.push_back(std::move(whole));
+      continue;
+    }
+    if (front.state == Part::State::fault)
+      fatal_error(format_text("%s: record %d (line %lld): %s\n", name.c_str(), record_base + front.fault.record,
+                              line_base + front.fault.line, front.fault.what.c_str()));
+    if (front.state == Part::State::failed) {
+      if (front.out_of_memory) throw std::bad_alloc();
+      report(front.failure);
+    }
+    record_base += front.records.records;
+    line_base += front.records.lines;
+    source.recycle(std::move(front.bytes));
+    front.records.placed = arena.place(front.records.arrays);
+    front.records.arrays.clear();
+    spare_arrays.push_back(std::move(front.records.arrays));
+    parts.push_back(std::move(in_flight.front()));
+    in_flight.pop_front();
+  }
+  if (source.failed) fatal_error(format_text("can't read a file '%s'\n", name.c_str()));
+  for (const auto& p : parts)
+    if (p->arrange_failed) {
+      if (p->arrange_out_of_memory) throw std::bad_alloc();
+      report(p->arrange_failure);
+    }
+  return parts;
+}
+
+// The space from its parts: labels numbered over the whole space, the
+// records in order, the index; refuses the same fragment twice.
+void gather(std::vector<std::unique_ptr<Part>>& parts, DescriptorSpace& space) {
+  space.mol2 = !parts.empty() && parts.front()->mol2;
+  auto merge_labels = [&parts](std::vector<std::string> PartRecords::*labels, std::vector<std::string>& all) {
+    for (const auto& p : parts) all.insert(all.end(), (p->records.*labels).begin(), (p->records.*labels).end());
+    std::sort(all.begin(), all.end());
+    all.erase(std::unique(all.begin(), all.end()), all.end());
   };
-  {
-    std::vector<std::thread> helpers;
-    for (int part = 1; part < parts; ++part) helpers.emplace_back(arrange, part);
-    arrange(0);
-    for (std::thread& t : helpers) t.join();
+  merge_labels(&PartRecords::atom_labels, space.atom_labels);
+  merge_labels(&PartRecords::bond_labels, space.bond_labels);
+  std::size_t records = 0, rearranged = 0;
+  for (const auto& p : parts) {
+    records += p->records.starts.size();
+    rearranged += p->records.rearranged.size();
   }
-  for (int part = 0; part < parts; ++part)
-    if (failed[part]) {
-      if (failures[part].on_stderr) fatal_error_on_stderr(failures[part].message);
-      fatal_error(failures[part].message);
-    }
-  for (auto& part : found)
-    for (auto& [d, f] : part) {
-      rearranged[d] = static_cast<int>(space.rearranged.size());
-      space.rearranged.emplace_back(d, std::move(f));
-    }
-  // Within a run of equal hashes, records in file order: the first record
-  // that repeats an earlier one is named, with the earliest it repeats.
-  std::sort(hashes.begin(), hashes.end());
-  int again = 0, earlier = 0;
-  for (std::size_t lo = 0, hi; lo < hashes.size(); lo = hi) {
-    for (hi = lo + 1; hi < hashes.size() && hashes[hi].first == hashes[lo].first;) ++hi;
-    for (std::size_t j = lo + 1; j < hi; ++j) {
-      const int d = hashes[j].second;
-      if (again != 0 && d >= again) break;
-      for (std::size_t i = lo; i < j; ++i)
-        if (same_arrays(form_of(hashes[i].second), form_of(d))) {
-          again = d;
-          earlier = hashes[i].second;
-          break;
-        }
-    }
+  space.records.reserve(records);
+  space.rearranged.reserve(rearranged);
+  for (const auto& p : parts) {
+    PartRecords& r = p->records;
+    auto numbers = [](const std::vector<std::string>& local, const std::vector<std::string>& all) {
+      std::vector<int> number(local.size());
+      for (std::size_t i = 0; i < local.size(); ++i)
+        number[i] = static_cast<int>(std::lower_bound(all.begin(), all.end(), local[i]) - all.begin());
+      return number;
+    };
+    const std::vector<int> atom_number = numbers(r.atom_labels, space.atom_labels);
+    const std::vector<int> bond_number = numbers(r.bond_labels, space.bond_labels);
+    for (const std::size_t s : r.starts) renumber_labels(r.placed + s, atom_number, bond_number);
+    for (const auto& [k, s] : r.rearranged) renumber_labels(r.placed + s, atom_number, bond_number);
+    const int before = static_cast<int>(space.records.size());
+    for (const std::size_t s : r.starts) space.records.push_back(r.placed + s);
+    for (const auto& [k, s] : r.rearranged) space.rearranged.emplace_back(before + k + 1, r.placed + s);
+    for (const auto& [start, length] : r.spans) space.spans.emplace_back(p->offset + start, length);
+    if (r.shortest > 0) space.shortest = space.shortest == 0 ? r.shortest : std::min(space.shortest, r.shortest);
+    space.longest = std::max(space.longest, r.longest);
   }
-  if (again != 0)
-    fatal_error(format_text("%s: record %d: the same fragment as record %d\n", name.c_str(), again, earlier));
+  parts.clear();
+
+  // The index, filled in record order with the arrangement labelling gives
+  // each record: the first record that repeats an earlier one is named, with
+  // the one it repeats.
+  const std::size_t entries = space.records.size() + space.rearranged.size();
+  std::size_t size = 16;
+  while (size < 2 * entries) size *= 2;
+  space.slot_memory = SpaceMemory(size * sizeof(SpaceSlot));
+  space.slot_count = size;
+  SpaceSlot* slots = static_cast<SpaceSlot*>(space.slot_memory.data());
+  const std::size_t mask = size - 1;
+  auto insert = [&](const int* form, std::uint64_t h, int d, bool check) {
+    const std::uint32_t tag = static_cast<std::uint32_t>(h >> 32);
+    std::size_t b = h & mask;
+    for (; slots[b].form != nullptr; b = (b + 1) & mask)
+      if (check && slots[b].tag == tag && same_arrays(slots[b].form, form))
+        fatal_error(format_text("%s: record %d: the same fragment as record %d\n", space.name.c_str(), std::abs(d),
+                                std::abs(slots[b].d)));
+    slots[b] = SpaceSlot{form, tag, d};
+  };
+  // Hashed in order first, then placed: each placing waits on a slot far
+  // away, so the slots a few records ahead are fetched meanwhile.
+  const int n = space.size();
+  std::vector<std::uint64_t> hashes(n);
+  std::vector<const int*> forms(space.records.begin(), space.records.end());
+  for (const auto& [d, form] : space.rearranged) forms[d - 1] = form;
+  for (int k = 0; k < n; ++k) hashes[k] = own_hash(forms[k]);
+  constexpr int AHEAD = 8;
+  for (int k = 0; k < n; ++k) {
+    if (k + AHEAD < n) __builtin_prefetch(&slots[hashes[k + AHEAD] & mask]);
+    insert(forms[k], hashes[k], forms[k] == space.records[k] ? k + 1 : -(k + 1), true);
+  }
+  // Arrays as written too, which lookups prefer.
+  for (const auto& [d, form] : space.rearranged) insert(space.records[d - 1], own_hash(space.records[d - 1]), d, false);
 }
 
 }  // namespace
 
-DescriptorSpace read_space(const std::string& name, std::string text, bool keep_text, int threads) {
+SpaceFragment fragment_at(const int* arrays) { return view_at(arrays); }
+
+SpaceFragment DescriptorSpace::fragment(int d) const { return view_at(records[d - 1]); }
+
+DescriptorSpace read_space(const std::string& name, std::string text, bool keep_text, int threads,
+                           std::size_t chunk_bytes) {
   DescriptorSpace space;
   space.name = name;
-  Lines lines{std::string_view(text)};
-  read_records(name, lines, space, threads);
+  {
+    PartSource source(std::string_view(text), chunk_bytes > 0 ? chunk_bytes : PART_BYTES);
+    std::vector<std::unique_ptr<Part>> parts = read_parts(name, source, nullptr, text, keep_text, threads, space);
+    gather(parts, space);
+  }
   if (keep_text) space.text = std::move(text);
   return space;
 }
 
-DescriptorSpace read_space_file(const std::string& path, bool keep_text, int threads) {
+DescriptorSpace read_space_file(const std::string& path, bool keep_text, int threads, std::size_t chunk_bytes) {
   FilePtr f = open_file(path, "r");
   if (keep_text) {
     std::string text;
     char buffer[1 << 16];
     for (std::size_t got; (got = std::fread(buffer, 1, sizeof buffer, f.get())) > 0;) text.append(buffer, got);
     if (std::ferror(f.get())) fatal_error(format_text("can't read a file '%s'\n", path.c_str()));
-    return read_space(path, std::move(text), true);
+    return read_space(path, std::move(text), true, threads, chunk_bytes);
   }
   DescriptorSpace space;
   space.name = path;
-  Lines lines{f.get()};
-  read_records(path, lines, space, threads);
+  PartSource source(f.get(), chunk_bytes > 0 ? chunk_bytes : PART_BYTES);
+  std::vector<std::unique_ptr<Part>> parts = read_parts(path, source, f.get(), {}, false, threads, space);
+  gather(parts, space);
   return space;
 }
 
@@ -509,73 +1128,60 @@ std::string_view record_text(const DescriptorSpace& space, int d) {
   return std::string_view(space.text).substr(start, length);
 }
 
-SpaceMatcher::SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& dict)
-    : space_(space), counter_(space.shortest, space.longest, 1), found_(space.fragments.size() + 1, 0) {
-  auto index_in = [](const LabelSet& set, const std::string& label) {
-    return static_cast<int>(array_find(std::string_view(label), set, compare_labels));
-  };
-  for (const std::string& l : space.atom_labels) atom_index_.push_back(index_in(dict.vertex_labels, l));
-  for (const std::string& l : space.bond_labels) bond_index_.push_back(index_in(dict.edge_labels, l));
-  // Each descriptor under the input's label numbers, by its arrays as written
-  // and, where a record is not in the arrangement labelling settles on (a
-  // record made by hand), by that arrangement too. A label the input lacks
-  // leaves the descriptor out: nothing there can match it.
-  auto reachable = [&](const SpaceFragment& f) {
-    for (int l : f.vl)
-      if (atom_index_[l] < 0) return false;
-    for (int l : f.el)
-      if (bond_index_[l] < 0) return false;
-    return true;
-  };
-  auto input_hash = [&](const SpaceFragment& f) {
-    return form_hash(f.vs, f.es, f.v.data(), f.e.data(), [&](int i) { return atom_index_[f.vl[i]]; },
-                     [&](int j) { return bond_index_[f.el[j]]; });
-  };
-  candidates_.reserve(space.fragments.size() + space.rearranged.size());
-  for (int d = 1; d <= static_cast<int>(space.fragments.size()); ++d)
-    if (reachable(space.fragments[d - 1])) candidates_.emplace_back(input_hash(space.fragments[d - 1]), d);
-  for (int k = 0; k < static_cast<int>(space.rearranged.size()); ++k)
-    if (reachable(space.rearranged[k].second))
-      candidates_.emplace_back(input_hash(space.rearranged[k].second), -(k + 1));
-  // By hash, and for one hash the records as written first (ascending), then
-  // the rearranged ones.
-  std::sort(candidates_.begin(), candidates_.end(), [](const auto& a, const auto& b) {
-    if (a.first != b.first) return a.first < b.first;
-    if ((a.second > 0) != (b.second > 0)) return a.second > 0;
-    return std::abs(a.second) < std::abs(b.second);
-  });
-  // An open-addressing index over the sorted candidates: a lookup then costs
-  // a cache miss or two, where a binary search over them costs a dozen.
-  std::size_t size = 16;
-  while (size < 2 * candidates_.size()) size *= 2;
-  slots_.assign(size, -1);
-  for (std::size_t i = 0; i < candidates_.size(); ++i) {
-    std::size_t b = candidates_[i].first & (size - 1);
-    while (slots_[b] >= 0) b = (b + 1) & (size - 1);
-    slots_[b] = static_cast<std::int32_t>(i);
-  }
+// ---- Matching ----
+
+SpaceMatcher::SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& dict, FormStore& store,
+                           std::size_t memo_limit)
+    : space_(space), store_(store), memo_limit_(memo_limit), found_(space.records.size() + 1, 0) {
+  // The input's label numbers in the space's: a label the space lacks leaves
+  // every fragment that holds it outside.
+  atom_index_.assign(dict.vertex_labels.count, -1);
+  bond_index_.assign(dict.edge_labels.count, -1);
+  for (int l = 0; l < static_cast<int>(space.atom_labels.size()); ++l)
+    if (const auto i = array_find(std::string_view(space.atom_labels[l]), dict.vertex_labels, compare_labels); i >= 0)
+      atom_index_[i] = l;
+  for (int l = 0; l < static_cast<int>(space.bond_labels.size()); ++l)
+    if (const auto i = array_find(std::string_view(space.bond_labels[l]), dict.edge_labels, compare_labels); i >= 0)
+      bond_index_[i] = l;
 }
 
-int SpaceMatcher::lookup(int form) {
-  const GraphView g = counter_.form(form);
-  const std::uint64_t h = form_hash(g.vs, g.es, g.v, g.e, [&](int i) { return g.vl[i]; }, [&](int j) { return g.el[j]; });
-  auto equal = [&](const SpaceFragment& f) {
-    if (f.vs != g.vs || f.es != g.es) return false;
+std::uint64_t SpaceMatcher::input_hash(int form, bool& outside) {
+  const GraphView g = store_.view(form);
+  labels_.resize(static_cast<std::size_t>(g.vs) + g.es);
+  int* vl = labels_.data();
+  int* el = vl + g.vs;
+  outside = true;
+  for (int i = 0; i < g.vs; ++i)
+    if ((vl[i] = atom_index_[g.vl[i]]) < 0) return 0;
+  for (int j = 0; j < g.es; ++j)
+    if ((el[j] = bond_index_[g.el[j]]) < 0) return 0;
+  outside = false;
+  return form_hash(g.vs, g.es, g.v, g.e, [&](int i) { return vl[i]; }, [&](int j) { return el[j]; });
+}
+
+int SpaceMatcher::lookup(int form, std::uint64_t h) {
+  const GraphView g = store_.view(form);
+  const std::uint32_t tag = static_cast<std::uint32_t>(h >> 32);
+  auto equal = [&](const int* p) {
+    const SpaceFragment f = view_at(p);
+    if (f.vs != g.vs || f.es != g.es || !std::equal(g.v, g.v + g.vs + 1, f.v) || !std::equal(g.e, g.e + g.es, f.e))
+      return false;
     for (int i = 0; i < g.vs; ++i)
-      if (atom_index_[f.vl[i]] != g.vl[i] || f.v[i + 1] != g.v[i + 1]) return false;
+      if (atom_index_[g.vl[i]] != f.vl[i]) return false;
     for (int j = 0; j < g.es; ++j)
-      if (f.e[j] != g.e[j] || bond_index_[f.el[j]] != g.el[j]) return false;
+      if (bond_index_[g.el[j]] != f.el[j]) return false;
     return true;
   };
   // Arrays as written come first, so a run's own records keep their own
   // occurrences whatever a rearranged record could claim.
-  const std::size_t mask = slots_.size() - 1;
+  const SpaceSlot* slots = space_.slots();
+  const std::size_t mask = space_.slot_count - 1;
   int rearranged = 0;
-  for (std::size_t b = h & mask; slots_[b] >= 0; b = (b + 1) & mask) {
-    const auto& [hash, c] = candidates_[slots_[b]];
-    if (hash != h) continue;
-    if (c > 0 && equal(space_.fragments[c - 1])) return c;
-    if (c < 0 && rearranged == 0 && equal(space_.rearranged[-c - 1].second)) rearranged = space_.rearranged[-c - 1].first;
+  for (std::size_t b = h & mask; slots[b].form != nullptr; b = (b + 1) & mask) {
+    const SpaceSlot& s = slots[b];
+    if (s.tag != tag || !equal(s.form)) continue;
+    if (s.d > 0) return s.d;
+    if (rearranged == 0) rearranged = -s.d;
   }
   return rearranged;
 }
@@ -583,18 +1189,45 @@ int SpaceMatcher::lookup(int form) {
 void SpaceMatcher::match(const Graph& compound, int compid, DescriptorPairs& pairs) {
   pairs.clear();
   ++summary_.compounds;
-  if (space_.fragments.empty()) return;
+  if (space_.records.empty()) return;
+  // Past its bound the counter starts afresh: the forms it made stay in the
+  // store under their numbers, and so do the lookups made for them.
+  if (!counter_ || counter_->memo_full()) {
+    counter_.reset();
+    counter_ = std::make_unique<FragmentCounter>(space_.shortest, space_.longest, 1, &store_, memo_limit_);
+  }
   entries_.clear();
-  counter_.count_compound(compound, compid, entries_);
+  counter_->count_compound(compound, compid, entries_);
+  // The forms not met before are looked up together: each lookup waits on
+  // memory far away (the index, then the arrays), so the index entries of
+  // all of them are fetched at once, then their arrays, then compared.
+  const SpaceSlot* slots = space_.slots();
+  const std::size_t mask = space_.slot_count - 1;
+  pending_.clear();
   for (const FormCount& entry : entries_) {
     const int f = entry.form;
-    if (f >= static_cast<int>(match_.size())) match_.resize(static_cast<std::size_t>(f) + 1, -1);
-    if (match_[f] < 0) {
-      match_[f] = lookup(f);
-      ++summary_.distinct_found;
-      if (match_[f] == 0) ++summary_.distinct_outside;
+    if (f >= static_cast<int>(match_.size())) match_.resize(std::max<std::size_t>(store_.size(), f + 1), -1);
+    if (match_[f] != -1) continue;
+    ++summary_.distinct_found;
+    bool outside = false;
+    const std::uint64_t h = input_hash(f, outside);
+    if (outside) {
+      match_[f] = 0;
+      ++summary_.distinct_outside;
+      continue;
     }
-    const int d = match_[f];
+    match_[f] = -2;  // being looked up
+    pending_.emplace_back(f, h);
+    __builtin_prefetch(&slots[h & mask]);
+  }
+  for (const auto& [f, h] : pending_)
+    if (const int* form = slots[h & mask].form) __builtin_prefetch(form);
+  for (const auto& [f, h] : pending_) {
+    match_[f] = lookup(f, h);
+    if (match_[f] == 0) ++summary_.distinct_outside;
+  }
+  for (const FormCount& entry : entries_) {
+    const int d = match_[entry.form];
     if (d == 0) continue;
     pairs.emplace_back(d, entry.count);
     summary_.occurrences_matched += entry.count;
@@ -608,170 +1241,165 @@ void SpaceMatcher::match(const Graph& compound, int compid, DescriptorPairs& pai
 ApplySummary SpaceMatcher::combined_summary(const std::vector<const SpaceMatcher*>& matchers) {
   ApplySummary total;
   if (matchers.empty()) return total;
-  // Each matcher numbers its own forms: the same fragment met by two of them
-  // is found the same by its canonical arrays.
-  FormStore distinct;
-  std::vector<char> found(matchers.front()->found_.size(), 0);
+  // The store numbers every form once for all the matchers: a form looked up
+  // by any of them is one fragment found.
+  std::size_t forms = 0;
   for (const SpaceMatcher* m : matchers) {
     total.compounds += m->summary_.compounds;
     total.occurrences_matched += m->summary_.occurrences_matched;
-    for (int f = 0; f < static_cast<int>(m->match_.size()); ++f) {
-      if (m->match_[f] < 0) continue;
-      const int before = distinct.size();
-      if (distinct.find_or_add(m->counter_.form(f)) < before) continue;
-      ++total.distinct_found;
-      if (m->match_[f] == 0) ++total.distinct_outside;
-    }
-    for (std::size_t d = 0; d < found.size(); ++d) found[d] |= m->found_[d];
+    forms = std::max(forms, m->match_.size());
   }
-  total.descriptors_found = std::count(found.begin(), found.end(), 1);
+  for (std::size_t f = 0; f < forms; ++f)
+    for (const SpaceMatcher* m : matchers)
+      if (f < m->match_.size() && m->match_[f] >= 0) {
+        ++total.distinct_found;
+        total.distinct_outside += m->match_[f] == 0;
+        break;
+      }
+  const std::size_t descriptors = matchers.front()->found_.size();
+  for (std::size_t d = 0; d < descriptors; ++d)
+    for (const SpaceMatcher* m : matchers)
+      if (m->found_[d]) {
+        ++total.descriptors_found;
+        break;
+      }
   return total;
 }
+
+// ---- Applying ----
 
 namespace {
 
 // Compounds a worker matches at a time: the hand-over is cheap next to them,
 // and the workers stay evenly busy to the end.
 constexpr int APPLY_BATCH = 32;
+// The memory of the matchers' counters, as a run has it for its counters: a
+// share of the budget each, at least the floor.
+constexpr std::size_t MEMO_BUDGET = std::size_t{128} << 20;
+constexpr std::size_t MEMO_FLOOR = std::size_t{32} << 20;
 
-struct ApplyBatch {
-  std::vector<DescriptorPairs> rows;
-  bool done = false;
+struct ApplyBatch : TaskPool::Task {
+  std::vector<std::unique_ptr<SpaceMatcher>>* matchers = nullptr;
+  int first = 0;  // input index of its first compound
+  int size = 0;
+  std::vector<Graph> graphs = std::vector<Graph>(APPLY_BATCH);
+  std::vector<std::string> names = std::vector<std::string>(APPLY_BATCH);
+  std::vector<DescriptorPairs> rows = std::vector<DescriptorPairs>(APPLY_BATCH);
   bool failed = false;
   Failure failure;
   bool out_of_memory = false;
-};
+  // Per worker: its matcher failed part way, and is not to be trusted with
+  // more. Its later batches are left unmatched: they come after the one
+  // that failed, whose failure the caller meets first.
+  std::vector<char>* broken = nullptr;
 
-// Workers take batches in input order, no further ahead of the caller than
-// the slots allow; stopped and joined however the caller ends.
-class ApplyPool {
- public:
-  ApplyPool(const CompoundInput& input, std::vector<std::unique_ptr<SpaceMatcher>>& matchers)
-      : input_(input), slots_(4 * matchers.size()) {
-    const int n = static_cast<int>(input.compounds.size());
-    batches_ = (n + APPLY_BATCH - 1) / APPLY_BATCH;
+  void run(int worker) override {
+    if ((*broken)[worker]) {
+      failed = true;
+      return;
+    }
     try {
-      for (auto& m : matchers) threads_.emplace_back([this, &m] { serve(*m); });
-    } catch (...) {
-      stop_all();
-      throw;
+      RaiseFailures raise;
+      SpaceMatcher& m = *(*matchers)[worker];
+      for (int k = 0; k < size; ++k) m.match(graphs[k], first + k, rows[k]);
+    } catch (const Failure& f) {
+      failed = true;
+      failure = f;
+      (*broken)[worker] = 1;
+    } catch (const std::exception&) {
+      // Only a request too large for the allocator can arrive here.
+      out_of_memory = true;
+      (*broken)[worker] = 1;
     }
   }
-  ~ApplyPool() { stop_all(); }
-  ApplyPool(const ApplyPool&) = delete;
-  ApplyPool& operator=(const ApplyPool&) = delete;
-
-  int batches() const { return batches_; }
-
-  // Batch b once matched, rethrowing its failure.
-  const std::vector<DescriptorPairs>& wait_for(int b) {
-    ApplyBatch& slot = slots_[b % slots_.size()];
-    {
-      std::unique_lock<std::mutex> lock(mutex_);
-      ready_.wait(lock, [&slot] { return slot.done; });
-    }
-    if (slot.failed) throw slot.failure;
-    if (slot.out_of_memory) throw std::bad_alloc();
-    return slot.rows;
-  }
-  // Batch b's slot is free for a later batch.
-  void release(int b) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      slots_[b % slots_.size()].done = false;
-      ++released_;
-    }
-    room_.notify_all();
-  }
-
- private:
-  void serve(SpaceMatcher& matcher) {
-    RaiseFailures raise;
-    const int n = static_cast<int>(input_.compounds.size());
-    for (;;) {
-      int b = 0;
-      {
-        std::unique_lock<std::mutex> lock(mutex_);
-        room_.wait(lock, [this] {
-          return stop_ || next_ >= batches_ || next_ < released_ + static_cast<int>(slots_.size());
-        });
-        if (stop_ || next_ >= batches_) return;
-        b = next_++;
-      }
-      ApplyBatch& slot = slots_[b % slots_.size()];
-      const int first = b * APPLY_BATCH, last = std::min(n, first + APPLY_BATCH);
-      bool ok = true;
-      try {
-        slot.rows.resize(last - first);
-        for (int c = first; c < last; ++c) matcher.match(input_.compounds[c], c, slot.rows[c - first]);
-      } catch (const Failure& f) {
-        slot.failed = true;
-        slot.failure = f;
-        ok = false;
-      } catch (const std::exception&) {
-        // Only a request too large for the allocator can arrive here.
-        slot.out_of_memory = true;
-        ok = false;
-      }
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        slot.done = true;
-      }
-      ready_.notify_all();
-      // A matcher that failed part way is not to be trusted with more; the
-      // batches before this one were handed out already, so the caller
-      // still gets to this failure.
-      if (!ok) return;
-    }
-  }
-  void stop_all() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      stop_ = true;
-    }
-    room_.notify_all();
-    for (std::thread& t : threads_) t.join();
-    threads_.clear();
-  }
-
-  const CompoundInput& input_;
-  std::vector<ApplyBatch> slots_;
-  int batches_ = 0;
-  std::mutex mutex_;
-  std::condition_variable ready_, room_;
-  int next_ = 0;      // the next batch to hand out
-  int released_ = 0;  // batches the caller is done with
-  bool stop_ = false;
-  std::vector<std::thread> threads_;
 };
 
 }  // namespace
 
-void apply_space(const DescriptorSpace& space, const CompoundInput& input, int threads,
-                 const std::function<void(int, const DescriptorPairs&)>& row, ApplySummary& summary) {
-  const int n = static_cast<int>(input.compounds.size());
-  // No more threads than batches.
-  threads = std::clamp(threads, 1, std::max(1, (n + APPLY_BATCH - 1) / APPLY_BATCH));
+void apply_space(const DescriptorSpace& space, const LabelDictionary& dict, const CompoundSource& next, int threads,
+                 const std::function<void(int, const std::string&, const DescriptorPairs&)>& row,
+                 ApplySummary& summary) {
+  threads = std::max(threads, 1);
+  // One store of forms for every matcher; on several threads the counters
+  // also pool the growth steps they work out. Each counter's memory is
+  // bounded as a run bounds its counters'.
+  FormStore store;
+  if (threads > 1) store.share_steps();
+  const std::size_t memo_limit = std::max(MEMO_FLOOR, MEMO_BUDGET / static_cast<std::size_t>(threads));
   std::vector<std::unique_ptr<SpaceMatcher>> matchers;
-  for (int t = 0; t < threads; ++t) matchers.push_back(std::make_unique<SpaceMatcher>(space, input.dictionary));
-  if (threads == 1) {
-    DescriptorPairs pairs;
-    for (int c = 0; c < n; ++c) {
-      matchers[0]->match(input.compounds[c], c, pairs);
-      row(c, pairs);
+  for (int t = 0; t < threads; ++t) matchers.push_back(std::make_unique<SpaceMatcher>(space, dict, store, memo_limit));
+  std::vector<char> broken(threads, 0);
+  {
+    // Declared before the pool, so that however this ends the workers have
+    // stopped before the batches they may be matching go away.
+    std::deque<std::unique_ptr<ApplyBatch>> in_flight, spare;
+    std::unique_ptr<TaskPool> pool = threads > 1 ? std::make_unique<TaskPool>(threads) : nullptr;
+    const std::size_t limit = threads > 1 ? 4 * static_cast<std::size_t>(threads) : 1;
+    bool input_done = false, input_failed = false;
+    Failure input_failure;
+    int next_index = 0;
+    while (true) {
+      while (!input_done && in_flight.size() < limit) {
+        std::unique_ptr<ApplyBatch> b;
+        if (!spare.empty()) {
+          b = std::move(spare.front());
+          spare.pop_front();
+        } else {
+          b = std::make_unique<ApplyBatch>();
+          b->matchers = &matchers;
+          b->broken = &broken;
+        }
+        b->first = next_index;
+        b->size = 0;
+        b->failed = b->out_of_memory = false;
+        try {
+          while (b->size < APPLY_BATCH && next(b->graphs[b->size], b->names[b->size])) ++b->size;
+          if (b->size < APPLY_BATCH) input_done = true;
+        } catch (const Failure& f) {
+          // The compounds before it come first in input order: their rows
+          // are written before the failure is reported.
+          input_done = input_failed = true;
+          input_failure = f;
+        }
+        if (b->size == 0) {
+          spare.push_back(std::move(b));
+          break;
+        }
+        next_index += b->size;
+        start(pool.get(), *b);
+        in_flight.push_back(std::move(b));
+      }
+      if (in_flight.empty()) break;
+      ApplyBatch& front = *in_flight.front();
+      if (pool) pool->wait_for(front);
+      if (front.failed) throw front.failure;
+      if (front.out_of_memory) throw std::bad_alloc();
+      for (int k = 0; k < front.size; ++k) row(front.first + k, front.names[k], front.rows[k]);
+      spare.push_back(std::move(in_flight.front()));
+      in_flight.pop_front();
     }
+    if (input_failed) throw input_failure;
+  }
+  if (threads == 1) {
     summary = matchers[0]->summary();
     return;
-  }
-  {
-    ApplyPool pool(input, matchers);
-    for (int b = 0; b < pool.batches(); ++b) {
-      const std::vector<DescriptorPairs>& rows = pool.wait_for(b);
-      for (int k = 0; k < static_cast<int>(rows.size()); ++k) row(b * APPLY_BATCH + k, rows[k]);
-      pool.release(b);
-    }
   }
   std::vector<const SpaceMatcher*> all;
   for (const auto& m : matchers) all.push_back(m.get());
   summary = SpaceMatcher::combined_summary(all);
+}
+
+void apply_space(const DescriptorSpace& space, const CompoundInput& input, int threads,
+                 const std::function<void(int, const DescriptorPairs&)>& row, ApplySummary& summary) {
+  std::size_t c = 0;
+  apply_space(
+      space, input.dictionary,
+      [&](Graph& g, std::string& name) {
+        if (c == input.compounds.size()) return false;
+        g = input.compounds[c];
+        name = input.compound_names[c];
+        ++c;
+        return true;
+      },
+      threads, [&](int k, const std::string&, const DescriptorPairs& pairs) { row(k, pairs); }, summary);
 }

@@ -15,38 +15,99 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "count/count.h"
+#include "enumerate/form_store.h"
 #include "enumerate/fragment_counter.h"
 #include "input/input.h"
 
 // One descriptor's fragment as its record shows it, its labels numbered by
-// byte order among the space's labels (as a file numbers its own).
+// byte order among the space's labels (as a file numbers its own). The
+// arrays belong to the space.
 struct SpaceFragment {
-  int vs = 0;           // atoms
-  int es = 0;           // adjacency entries, two per bond
-  std::vector<int> v;   // vs + 1 offsets into e
-  std::vector<int> e;   // far end of each entry, ascending per atom
-  std::vector<int> vl;  // atom label of each atom: index into DescriptorSpace::atom_labels
-  std::vector<int> el;  // bond label of each entry: index into DescriptorSpace::bond_labels
+  int vs = 0;                // atoms
+  int es = 0;                // adjacency entries, two per bond
+  const int* v = nullptr;    // vs + 1 offsets into e
+  const int* e = nullptr;    // far end of each entry, ascending per atom
+  const int* vl = nullptr;   // atom label of each atom: index into DescriptorSpace::atom_labels
+  const int* el = nullptr;   // bond label of each entry: index into DescriptorSpace::bond_labels
 };
 
+// The fragment whose arrays begin at `arrays`, laid out as the space lays
+// them out (a record, a record rearranged, an index entry's form).
+SpaceFragment fragment_at(const int* arrays);
+
+// An entry of the space's index: a fragment's arrays by the hash of those
+// arrays (with the space's label numbers).
+struct SpaceSlot {
+  const int* form = nullptr;  // the arrays, as SpaceFragment lays them out; none for an empty slot
+  std::uint32_t tag = 0;      // the top half of the hash
+  std::int32_t d = 0;         // descriptor d as written; -d for its record rearranged
+};
+
+// Memory for a space's large arrays. Large sizes are mapped on their own,
+// in the largest pages the system offers: touching new memory a small page
+// at a time is a large part of reading a space. Mapped memory comes zeroed;
+// other memory is zeroed here, so both read as zeros.
+class SpaceMemory {
+ public:
+  explicit SpaceMemory(std::size_t bytes);
+  ~SpaceMemory();
+  SpaceMemory(SpaceMemory&& other) noexcept;
+  SpaceMemory& operator=(SpaceMemory&& other) noexcept;
+  SpaceMemory(const SpaceMemory&) = delete;
+  SpaceMemory& operator=(const SpaceMemory&) = delete;
+
+  void* data() const { return data_; }
+  std::size_t size() const { return size_; }
+
+ private:
+  void release();
+  void* data_ = nullptr;
+  std::size_t size_ = 0;
+  void* mapping_ = nullptr;  // the mapping data_ lies in; none when allocated
+  std::size_t mapped_ = 0;
+};
+
+// Read once, then only read: any number of threads may match against it.
+// The fragments' arrays lie in blocks that never move, so the space may be
+// moved but not copied.
 struct DescriptorSpace {
+  DescriptorSpace() = default;
+  DescriptorSpace(DescriptorSpace&&) = default;
+  DescriptorSpace& operator=(DescriptorSpace&&) = default;
+  DescriptorSpace(const DescriptorSpace&) = delete;
+  DescriptorSpace& operator=(const DescriptorSpace&) = delete;
+
   std::string name;                        // the structure file, for messages
   bool mol2 = false;                       // the records are Mol2 records
-  std::vector<SpaceFragment> fragments;    // fragments[d - 1] is descriptor d
   std::vector<std::string> atom_labels;    // every atom label of the records, in byte order
   std::vector<std::string> bond_labels;    // every bond label ("-", "=", "#", "~", "*"), in byte order
   std::string text;                        // the records as read (kept only when asked for)
   std::vector<std::pair<std::size_t, std::size_t>> spans;  // (start, length) of each record in text
   int shortest = 0, longest = 0;           // bonds of the shortest and longest fragment; 0 for none
-  // (descriptor, its fragment as labelling arranges it) for the records
-  // written in another arrangement, which only records made by hand are.
-  std::vector<std::pair<int, SpaceFragment>> rearranged;
+
+  // Descriptors in the space.
+  int size() const { return static_cast<int>(records.size()); }
+  // Descriptor d's fragment (1-based), in the arrangement of its record.
+  SpaceFragment fragment(int d) const;
+
+  // Each record's arrays: vs, es, then vl, v, e and el.
+  std::vector<const int*> records;
+  // Labelling's arrangement of the records written in another, which only
+  // records made by hand are: (descriptor, arrays laid out as in records).
+  std::vector<std::pair<int, const int*>> rearranged;
+  std::vector<SpaceMemory> blocks;  // where the arrays lie
+  // Open addressing by the arrays' hash over every record as written and
+  // every rearranged one: slot_count slots, a power of two.
+  SpaceMemory slot_memory{0};
+  std::size_t slot_count = 0;
+  const SpaceSlot* slots() const { return static_cast<const SpaceSlot*>(slot_memory.data()); }
 };
 
 // Reads the records of a structure file from text (name names it in
@@ -54,11 +115,15 @@ struct DescriptorSpace {
 // naming the file, the record and the fault: a record cut short, a bond to a
 // missing atom, a record that is not a tree, the same fragment twice. An empty
 // text is an empty space. keep_text keeps the records' text in the space;
-// the records are checked on up to `threads` threads.
-DescriptorSpace read_space(const std::string& name, std::string text, bool keep_text, int threads = 1);
+// the records are read on up to `threads` threads, a part of the text at a
+// time (chunk_bytes, for tests that make many parts of a small file; 0 for
+// the usual size), and a fault is the first in the text whatever the parts.
+DescriptorSpace read_space(const std::string& name, std::string text, bool keep_text, int threads = 1,
+                           std::size_t chunk_bytes = 0);
 
-// The same from a file; a missing or unreadable file is refused too.
-DescriptorSpace read_space_file(const std::string& path, bool keep_text, int threads = 1);
+// The same from a file, never held whole in memory; a missing or unreadable
+// file is refused too.
+DescriptorSpace read_space_file(const std::string& path, bool keep_text, int threads = 1, std::size_t chunk_bytes = 0);
 
 // The text of descriptor d's record (1-based), when the space kept it.
 std::string_view record_text(const DescriptorSpace& space, int d);
@@ -72,42 +137,60 @@ struct ApplySummary {
 };
 
 // Finds a space's descriptors in compounds read with one label dictionary,
-// one compound after the other (only the fragments met so far are kept).
-// A matcher is for one thread; several may share the space and dictionary.
+// one compound after the other. A matcher is for one thread; several may
+// share the space, the dictionary and the store of the forms they count,
+// which numbers every form once for all of them.
 class SpaceMatcher {
  public:
-  SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& dict);
+  // memo_limit bounds the memory of the matcher's counter, which starts
+  // afresh once it is full (the forms stay in the store); 0 for no bound.
+  SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& dict, FormStore& store,
+               std::size_t memo_limit = 0);
   // The compound's descriptors, searching the lengths from the shortest to
   // the longest fragment of the space. compid numbers the compounds, each
   // once.
   void match(const Graph& compound, int compid, DescriptorPairs& pairs);
   const ApplySummary& summary() const { return summary_; }
-  // The summary of matchers that shared out one input between them, as one
-  // matcher over all of it would give it: a fragment or descriptor that
-  // several met counts once.
+  // The summary of matchers that shared out one input and one store between
+  // them, as one matcher over all of it would give it: a fragment or
+  // descriptor that several met counts once.
   static ApplySummary combined_summary(const std::vector<const SpaceMatcher*>& matchers);
 
  private:
-  int lookup(int form);
+  // The hash of a counted form with its labels in the space's numbers;
+  // outside when one of them is no label of the space.
+  std::uint64_t input_hash(int form, bool& outside);
+  // The descriptor the form with that hash stands for, 0 for none.
+  int lookup(int form, std::uint64_t hash);
 
   const DescriptorSpace& space_;
-  std::vector<int> atom_index_, bond_index_;  // space label -> input label, -1 for none
-  // (form hash, d) for descriptor d as written, (form hash, -k) for entry
-  // k - 1 of space_.rearranged; sorted by hash.
-  std::vector<std::pair<std::uint64_t, int>> candidates_;
-  std::vector<std::int32_t> slots_;  // open addressing over candidates_ by hash; -1 for none
-  FragmentCounter counter_;
-  std::vector<int> match_;   // per counted form: descriptor, 0 for none, -1 not looked up yet
+  std::vector<int> atom_index_, bond_index_;  // input label -> space label, -1 for none
+  FormStore& store_;
+  std::size_t memo_limit_;
+  std::unique_ptr<FragmentCounter> counter_;
+  std::vector<int> match_;   // per form of the store: descriptor, 0 for none, -1 not looked up here
   std::vector<char> found_;  // per descriptor: met in some compound
   std::vector<FormCount> entries_;
+  std::vector<int> labels_;  // scratch: a form's labels in the space's numbers
+  std::vector<std::pair<int, std::uint64_t>> pending_;  // scratch: (form, hash) to look up
   ApplySummary summary_;
 };
 
-// Every compound of the input, on up to `threads` threads, each with a
-// matcher of its own over batches of compounds; row(c, pairs) is called on
-// the calling thread for compound c, in input order, so what a caller
-// writes does not depend on the threads. A failure (Failure, or an
-// exhausted heap) is thrown on the calling thread after every worker has
-// stopped, the first in input order; so is one thrown by row.
+// Where compounds come from: the next one into g and name; false after the
+// last. Failures it raises reach the caller of apply_space in input order.
+using CompoundSource = std::function<bool(Graph& g, std::string& name)>;
+
+// Every compound of the source, read on the calling thread and matched on up
+// to `threads` threads, each with a matcher of its own, over batches of
+// compounds; row(c, name, pairs) is called on the calling thread for compound
+// c, in input order, so what a caller writes does not depend on the threads.
+// A failure (Failure, or an exhausted heap) is thrown on the calling thread
+// after every worker has stopped, the first in input order; so is one thrown
+// by row or by the source (after the rows of the compounds before it).
+void apply_space(const DescriptorSpace& space, const LabelDictionary& dict, const CompoundSource& next, int threads,
+                 const std::function<void(int, const std::string&, const DescriptorPairs&)>& row,
+                 ApplySummary& summary);
+
+// The same over compounds held in memory.
 void apply_space(const DescriptorSpace& space, const CompoundInput& input, int threads,
                  const std::function<void(int, const DescriptorPairs&)>& row, ApplySummary& summary);

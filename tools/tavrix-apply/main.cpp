@@ -46,12 +46,27 @@ int usage_error(const std::string& message) {
   return 2;
 }
 
+// The input's failures, with the messages of Tavrix's own readers; those
+// that do not name the file ("compound 3 (x): bond line 2 names atom 0")
+// get its name in front, since two files are in play here.
+template <class Read>
+auto naming_input(const RunSettings& settings, Read read) {
+  try {
+    return read();
+  } catch (Failure& failure) {
+    if (failure.message.find("'" + settings.infile + "'") == std::string::npos)
+      failure.message = settings.infile + ": " + failure.message;
+    throw;
+  }
+}
+
 // The descriptor file goes to a temporary name beside it and takes its name
 // only once complete, so a failure leaves no partial file (and an older file
 // of that name as it was).
-// Each compound's line is written as soon as its descriptors are known.
-ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpace& space, const CompoundInput& input,
-                                   int threads) {
+// Each compound's line is written as soon as its descriptors are known, the
+// compounds read one batch at a time.
+ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpace& space, const RunSettings& settings,
+                                   CompoundStream& input, int threads) {
   std::string temporary = path + ".XXXXXX";
   const int fd = mkstemp(temporary.data());
   if (fd < 0) fatal_error(format_text("can't open a file '%s'\n", path.c_str()));
@@ -69,11 +84,13 @@ ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpac
   ApplySummary summary;
   try {
     RaiseFailures raise;
+    auto next = [&](Graph& g, std::string& name) {
+      return naming_input(settings, [&] { return next_compound(input, g, name); });
+    };
     // The lines come back in input order whatever the threads.
-    apply_space(space, input, threads, [&](int c, const DescriptorPairs& pairs) {
+    apply_space(space, input.dictionary, next, threads, [&](int, const std::string& name, const DescriptorPairs& pairs) {
       // As Tavrix writes its lines: the name as "%s" would (up to a NUL
       // byte), then the numbers, each of at most 11 characters.
-      const std::string& name = input.compound_names[c];
       const std::size_t name_length = std::strlen(name.c_str());
       line.resize(name_length + 16 + pairs.size() * 24);
       char* at = line.data();
@@ -103,19 +120,6 @@ ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpac
   return summary;
 }
 
-// The compounds, refused with the messages of Tavrix's own readers; those
-// that do not name the file ("compound 3 (x): bond line 2 names atom 0")
-// get its name in front, since two files are in play here.
-CompoundInput read_input(const RunSettings& settings) {
-  try {
-    return read_compounds_in_memory(settings, InputSource{settings.infile, nullptr});
-  } catch (Failure& failure) {
-    if (failure.message.find("'" + settings.infile + "'") == std::string::npos)
-      failure.message = settings.infile + ": " + failure.message;
-    throw;
-  }
-}
-
 // Writing STEM.out over one of the files being read (arguments swapped, or
 // -ofile naming the input) would lose it; refused before anything is read.
 void refuse_output_over_input(const std::string& out, const std::vector<std::string>& inputs) {
@@ -132,16 +136,17 @@ int apply_and_report(const RunSettings& settings, const std::string& structure_f
   // TAVRIX_THREADS is checked before any file is read.
   const int threads = threads_to_use();
   refuse_output_over_input(settings.outfstem + ".out", {structure_file, settings.infile});
-  // The structure file and the input are read at the same time, each on a
-  // thread of its own: neither needs the other until the counting. A fault
-  // of the structure file is reported first, as when they are read in turn.
-  CompoundInput input;
+  // The structure file is read while the input's first passes (its labels)
+  // run on a thread of their own: neither needs the other until the
+  // matching. A fault of the structure file is reported first, as when they
+  // are read in turn. The compounds themselves are read as they are matched.
+  CompoundStream input;
   Failure input_failure;
   bool input_failed = false, input_out_of_memory = false;
   std::thread reader([&] {
     try {
       RaiseFailures raise;
-      input = read_input(settings);
+      naming_input(settings, [&] { open_compounds_in_memory(settings, InputSource{settings.infile, nullptr}, input); });
     } catch (const Failure& f) {
       input_failure = f;
       input_failed = true;
@@ -160,13 +165,13 @@ int apply_and_report(const RunSettings& settings, const std::string& structure_f
   if (input_failed) throw input_failure;
   if (input_out_of_memory) throw std::bad_alloc();
   const std::string out = settings.outfstem + ".out";
-  const ApplySummary summary = write_descriptor_file(out, space, input, threads);
+  const ApplySummary summary = write_descriptor_file(out, space, settings, input, threads);
 
   std::printf("compounds read: %lld\n", summary.compounds);
-  if (space.fragments.empty())
+  if (space.size() == 0)
     std::printf("descriptors in the space: 0\n");
   else
-    std::printf("descriptors in the space: %zu (fragments of %d to %d bonds)\n", space.fragments.size(), space.shortest,
+    std::printf("descriptors in the space: %d (fragments of %d to %d bonds)\n", space.size(), space.shortest,
                 space.longest);
   std::printf("descriptors found: %lld\n", summary.descriptors_found);
   std::printf("fragment occurrences matched: %lld\n", summary.occurrences_matched);
@@ -177,7 +182,7 @@ int apply_and_report(const RunSettings& settings, const std::string& structure_f
   std::printf("distinct fragments outside the space: %lld of %lld found (coverage %.2f %%)\n",
               summary.distinct_outside, summary.distinct_found, coverage);
   std::printf("descriptor file: %s\n", out.c_str());
-  if (summary.compounds > 0 && summary.descriptors_found == 0 && !space.fragments.empty())
+  if (summary.compounds > 0 && summary.descriptors_found == 0 && space.size() > 0)
     std::fprintf(stderr,
                  "warning: none of the space's descriptors occurs in '%s'; were the label switches "
                  "(-NoAtmLabels, -NoBndLabels) those of the run that wrote '%s'?\n",
