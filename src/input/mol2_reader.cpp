@@ -5,6 +5,7 @@
 // malformed molecule and move on to the next marker line; only the graph
 // pass refuses it, at the point where it reads the fault, so that defined
 // messages of that molecule and of earlier ones keep their turn.
+#include "input/bond_labels.h"
 #include "input/input_internal.h"
 
 #include <algorithm>
@@ -116,18 +117,6 @@ bool form_atom_label(const TokenArray& tokens, bool basic_types, std::string_vie
   label = tokens.slot[5];
   if (basic_types) label = label.substr(0, label.find('.'));
   return label.size() <= MAX_BASIC_TYPE_LENGTH || !basic_types;
-}
-
-// The bond label of a bond type, "" for a bond left out of the graph, nullptr
-// for a type that is none of these.
-const char* mol2_bond_label(std::string_view type) {
-  if (type == "1") return "-";
-  if (type == "2") return "=";
-  if (type == "3") return "#";
-  if (type == "ar") return "~";
-  if (type == "am") return "*";
-  if (type == "nc" || type == "du" || type == "un") return "";
-  return nullptr;
 }
 
 }  // namespace

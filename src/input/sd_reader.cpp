@@ -7,6 +7,7 @@
 // large, invalid bond, missing atom, duplicated bond) and those of every
 // earlier record come first, and all passes agree on every record before the
 // first one refused.
+#include "input/bond_labels.h"
 #include "input/input_internal.h"
 
 namespace {
@@ -73,16 +74,6 @@ void skip_to_record_end(InputLines& in, TokenArray& tokens) {
   while (next_line(in)) {
     check_token_limit(in.line, tokens);
     if (first_token_is_record_end(in.line)) return;
-  }
-}
-
-const char* sd_bond_label(int type) {
-  switch (type) {
-    case 1: return "-";
-    case 2: return "=";
-    case 3: return "#";
-    case 4: return "~";
-    default: return nullptr;
   }
 }
 

@@ -19,6 +19,7 @@
 #include "canon/canon.h"
 #include "common/common.h"
 #include "enumerate/fragment_counter.h"
+#include "input/bond_labels.h"
 
 namespace {
 
@@ -462,16 +463,6 @@ void add_fragment(RecordReader& r, PartRecords& part) {
   part.starts.push_back(start);
 }
 
-const char* sd_bond_label(int type) {
-  switch (type) {
-    case 1: return "-";
-    case 2: return "=";
-    case 3: return "#";
-    case 4: return "~";
-    default: return nullptr;
-  }
-}
-
 // "ID", the program line, an empty line, the counts, atoms, bonds, "M  END",
 // "$$$$": the SD records a run writes for SD input.
 void read_sd_record(RecordReader& r, Interner& atom_labels, Interner& bond_labels, PartRecords& part) {
@@ -507,15 +498,6 @@ void read_sd_record(RecordReader& r, Interner& atom_labels, Interner& bond_label
   add_fragment(r, part);
 }
 
-const char* mol2_bond_label(std::string_view type) {
-  if (type == "1") return "-";
-  if (type == "2") return "=";
-  if (type == "3") return "#";
-  if (type == "ar") return "~";
-  if (type == "am") return "*";
-  return nullptr;
-}
-
 // The Mol2 records a run writes for Mol2 input: the molecule line (already
 // taken), the id, the counts, the head lines, the atoms, the bonds and an
 // empty line.
@@ -540,7 +522,9 @@ void read_mol2_record(RecordReader& r, Interner& atom_labels, Interner& bond_lab
   r.first_bond_line = r.lines.number + 1;
   for (int k = 0; k < nb; ++k) {
     const std::vector<std::string_view>& w = r.split(r.take("bond line", k + 1, nb));
+    // A run writes no bond that the readers leave out of a compound.
     const char* label = w.size() >= 4 ? mol2_bond_label(w[3]) : nullptr;
+    if (label != nullptr && *label == '\0') label = nullptr;
     const int a = w.size() >= 4 ? number_of(w[1]) : -1, b = w.size() >= 4 ? number_of(w[2]) : -1;
     if (a < 0 || b < 0 || label == nullptr)
       r.refuse(format_text("bond line %d does not give two atoms and a bond type 1, 2, 3, ar or am", k + 1));
