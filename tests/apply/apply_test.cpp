@@ -205,6 +205,9 @@ TEST(apply, refuses_what_it_cannot_use_with_one_message_and_no_file) {
        "in.sdf: compound 1 (methane): bond line 1 names atom 0\n"},
       {"input missing", CC, "-", usual, 1, "can't open a file 'in.sdf'\n"},
       {"one file only", CC, INPUT, {"in.sdf"}, 2, "tavrix-apply: a structure file and an input file are needed\n"},
+      {"unknown option", CC, INPUT, {"-x", "space_frag.sdf", "in.sdf"}, 2, "tavrix-apply: unknown option -x\n"},
+      {"option after the files without its value", CC, INPUT, {"space_frag.sdf", "in.sdf", "-ofile"}, 2,
+       "tavrix-apply: -ofile needs a value\n"},
       {"thread count refused", CC, INPUT, usual, 1,
        "TAVRIX_THREADS must be a whole number of threads from 1 to 1024, not '0'\n", {"TAVRIX_THREADS=0"}},
   };

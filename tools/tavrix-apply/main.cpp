@@ -10,10 +10,12 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "command_line.h"
 #include "common/common.h"
 #include "count/count.h"
 #include "input/input.h"
@@ -40,11 +42,6 @@ const char USAGE[] =
     "Give the label switches of the run that wrote STRUCTURE_FILE.\n"
     "Exit status: 0 after a complete run, 1 after an error (no STEM.out is\n"
     "written then), 2 for a wrong command line.\n";
-
-int usage_error(const std::string& message) {
-  std::fprintf(stderr, "tavrix-apply: %s\n\n%s", message.c_str(), USAGE);
-  return 2;
-}
 
 // The input's failures, with the messages of Tavrix's own readers; those
 // that do not name the file ("compound 3 (x): bond line 2 names atom 0")
@@ -195,30 +192,30 @@ int apply_and_report(const RunSettings& settings, const std::string& structure_f
 int main(int argc, char** argv) {
   RunSettings settings;
   bool stem_given = false;
+  auto flag = [](bool& on) {
+    return [&on](const char*) -> std::optional<std::string> {
+      on = true;
+      return std::nullopt;
+    };
+  };
+  ToolCommandLine line{"tavrix-apply", USAGE, {}, true, false};
+  line.options = {
+      {"-NoAtmLabels", false, flag(settings.NoAtmLabels)},
+      {"-NoBndLabels", false, flag(settings.NoBndLabels)},
+      {"-ofile", true,
+       [&](const char* value) -> std::optional<std::string> {
+         settings.outfstem = value;
+         stem_given = true;
+         return std::nullopt;
+       }},
+  };
   std::vector<std::string> files;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "-h" || arg == "--help") {
-      std::fputs(USAGE, stdout);
-      return 0;
-    }
-    if (arg == "-NoAtmLabels") settings.NoAtmLabels = true;
-    else if (arg == "-NoBndLabels") settings.NoBndLabels = true;
-    else if (arg == "-ofile") {
-      if (i + 1 >= argc) return usage_error("-ofile needs a value");
-      settings.outfstem = argv[++i];
-      stem_given = true;
-    } else if (arg.size() > 1 && arg[0] == '-' && files.empty()) {
-      return usage_error("unknown option " + arg);
-    } else {
-      files.push_back(arg);
-    }
-  }
-  if (files.size() != 2) return usage_error("a structure file and an input file are needed");
+  if (const std::optional<int> status = read_command_line(line, argc, argv, files)) return *status;
+  if (files.size() != 2) return usage_error(line, "a structure file and an input file are needed");
   settings.infile = files[1];
   const std::size_t dot = settings.infile.find('.');
   if (dot == std::string::npos)
-    return usage_error("the input file name has no '.': name it .sdf (SD) or .mol2 (Mol2)");
+    return usage_error(line, "the input file name has no '.': name it .sdf (SD) or .mol2 (Mol2)");
   settings.mol2input = dot + 1 < settings.infile.size() && settings.infile[dot + 1] == 'm';
   if (!stem_given) settings.outfstem = settings.infile.substr(0, dot);
   try {

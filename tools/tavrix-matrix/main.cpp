@@ -2,8 +2,11 @@
 // descriptor file (STEM.out) as STEM.mtx (Matrix Market) and STEM.rows.
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "command_line.h"
 #include "common/common.h"
 #include "matrix_export.h"
 
@@ -27,11 +30,6 @@ const char USAGE[] =
     "Exit status: 0 on success, 1 for a malformed or unreadable descriptor\n"
     "file or an output that cannot be written, 2 for a wrong command line.\n";
 
-int usage_error(const std::string& message) {
-  std::fprintf(stderr, "tavrix-matrix: %s\n\n%s", message.c_str(), USAGE);
-  return 2;
-}
-
 // A column count: unsigned decimal digits only, at most 2147483647.
 bool parse_columns(const char* text, long long& value) {
   value = 0;
@@ -50,34 +48,25 @@ int main(int argc, char** argv) {
   open_standard_descriptors();
   ExportRequest request;
   bool stem_given = false;
-  int i = 1;
-  for (; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "-h" || arg == "--help") {
-      std::fputs(USAGE, stdout);
-      return 0;
-    }
-    if (arg == "-n" || arg == "-o") {
-      if (i + 1 >= argc) return usage_error(arg + " needs a value");
-      const char* value = argv[++i];
-      if (arg == "-o") {
-        request.stem = value;
-        stem_given = true;
-      } else if (!parse_columns(value, request.columns)) {
-        return usage_error("-n takes a number of columns from 0 to 2147483647, not \"" + std::string(value) + "\"");
-      }
-      continue;
-    }
-    if (arg == "--") {
-      ++i;
-      break;
-    }
-    if (arg.size() > 1 && arg[0] == '-') return usage_error("unknown option " + arg);
-    break;
-  }
-  if (i >= argc) return usage_error("no descriptor file given");
-  if (i + 1 < argc) return usage_error("one descriptor file at a time");
-  request.input = argv[i];
+  ToolCommandLine line{"tavrix-matrix", USAGE, {}, false, true};
+  line.options = {
+      {"-n", true,
+       [&](const char* value) -> std::optional<std::string> {
+         if (parse_columns(value, request.columns)) return std::nullopt;
+         return "-n takes a number of columns from 0 to 2147483647, not \"" + std::string(value) + "\"";
+       }},
+      {"-o", true,
+       [&](const char* value) -> std::optional<std::string> {
+         request.stem = value;
+         stem_given = true;
+         return std::nullopt;
+       }},
+  };
+  std::vector<std::string> files;
+  if (const std::optional<int> status = read_command_line(line, argc, argv, files)) return *status;
+  if (files.empty()) return usage_error(line, "no descriptor file given");
+  if (files.size() > 1) return usage_error(line, "one descriptor file at a time");
+  request.input = files[0];
   if (!stem_given) request.stem = default_stem(request.input);
   const std::string fault = export_matrix(request);
   if (!fault.empty()) {
