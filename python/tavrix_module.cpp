@@ -222,10 +222,9 @@ PYBIND11_MODULE(_core, m) {
                                for (int d = 1; d <= s.space.size(); ++d) {
                                  const SpaceFragment f = s.space.fragment(d);
                                  py::list bonds;
-                                 for (int i = 0; i < f.vs; ++i)
-                                   for (int j = f.v[i]; j < f.v[i + 1]; ++j)
-                                     if (i < f.e[j])
-                                       bonds.append(py::make_tuple(i, f.e[j], s.space.bond_labels[f.el[j]]));
+                                 for (int k = 0; k < f.bonds; ++k)
+                                   bonds.append(py::make_tuple(f.bond[3 * k], f.bond[3 * k + 1],
+                                                               s.space.bond_labels[f.bond[3 * k + 2]]));
                                  py::list atoms;
                                  for (int i = 0; i < f.vs; ++i) atoms.append(py::bytes(s.space.atom_labels[f.vl[i]]));
                                  out.append(py::make_tuple(atoms, bonds));

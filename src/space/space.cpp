@@ -3,6 +3,7 @@
 #include "space/space.h"
 
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -13,11 +14,13 @@
 #include <mutex>
 #include <new>
 #include <numeric>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 
 #include "canon/canon.h"
 #include "common/common.h"
+#include "common/parallel.h"
 #include "enumerate/fragment_counter.h"
 #include "input/bond_labels.h"
 
@@ -29,8 +32,15 @@ constexpr std::size_t LARGE_PAGE = std::size_t{2} << 20;
 
 }  // namespace
 
-SpaceMemory::SpaceMemory(std::size_t bytes) : size_(bytes) {
+SpaceMemory::SpaceMemory(std::size_t bytes, Pages pages) : size_(bytes) {
   if (bytes == 0) return;
+  if (pages == Pages::by_range) {
+    void* m = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (m == MAP_FAILED) throw std::bad_alloc();
+    data_ = mapping_ = m;
+    mapped_ = bytes;
+    return;
+  }
   if (bytes >= LARGE_PAGE) {
     const std::size_t length = bytes + LARGE_PAGE;
     void* m = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -46,6 +56,16 @@ SpaceMemory::SpaceMemory(std::size_t bytes) : size_(bytes) {
   }
   data_ = ::operator new(bytes);
   std::memset(data_, 0, bytes);
+}
+
+void SpaceMemory::make_ready(std::size_t from, std::size_t to) {
+  if (mapping_ == nullptr || to <= from) return;
+  const std::size_t page = 4096;
+  const std::size_t first = from & ~(page - 1), last = std::min((to + page - 1) & ~(page - 1), mapped_);
+#ifdef MADV_POPULATE_WRITE
+  // Only a request: where the system cannot, the pages come as they are touched.
+  if (last > first) madvise(static_cast<char*>(mapping_) + first, last - first, MADV_POPULATE_WRITE);
+#endif
 }
 
 SpaceMemory::~SpaceMemory() { release(); }
@@ -88,14 +108,17 @@ class TaskPool {
     bool done = false;
   };
 
+  // As many of `threads` as the system lets this process start.
   explicit TaskPool(int threads) {
     try {
       for (int i = 0; i < threads; ++i) threads_.emplace_back([this, i] { serve(i); });
+    } catch (const std::system_error&) {
     } catch (...) {
       stop_all();
       throw;
     }
   }
+  int size() const { return static_cast<int>(threads_.size()); }
   ~TaskPool() { stop_all(); }
   TaskPool(const TaskPool&) = delete;
   TaskPool& operator=(const TaskPool&) = delete;
@@ -149,6 +172,23 @@ class TaskPool {
   bool stop_ = false;
   std::vector<std::thread> threads_;
 };
+
+// A pool of `threads` threads, or fewer where the system refuses more (an
+// address space limit, a limit on processes); none for one thread, when the
+// caller's own thread does the work. threads becomes the number there are.
+std::unique_ptr<TaskPool> make_pool(int& threads) {
+  if (threads <= 1) {
+    threads = 1;
+    return nullptr;
+  }
+  auto pool = std::make_unique<TaskPool>(threads);
+  if (pool->size() <= 1) {
+    threads = 1;
+    return nullptr;
+  }
+  threads = pool->size();
+  return pool;
+}
 
 // Runs the task on the pool, or at once on this thread when there is none.
 void start(TaskPool* pool, TaskPool::Task& task) {
@@ -297,34 +337,34 @@ struct Interner {
   }
 };
 
-// A record's arrays in a block: vs, es, then vl, v, e and el.
+// A record's numbers: vs, the bonds, vs atom labels, then (a, b, label) for
+// each bond.
 constexpr int HEAD = 2;
-SpaceFragment view_at(const int* p) {
+SpaceFragment view_at(const SpaceValue* p) {
   SpaceFragment f;
   f.vs = p[0];
-  f.es = p[1];
+  f.bonds = p[1];
   f.vl = p + HEAD;
-  f.v = f.vl + f.vs;
-  f.e = f.v + f.vs + 1;
-  f.el = f.e + f.es;
+  f.bond = f.vl + f.vs;
   return f;
 }
-std::size_t record_ints(int vs, int es) { return HEAD + 2 * static_cast<std::size_t>(vs) + 1 + 2 * es; }
+std::size_t record_size(int vs, int bonds) { return HEAD + static_cast<std::size_t>(vs) + 3 * static_cast<std::size_t>(bonds); }
+std::size_t record_size(const SpaceValue* p) { return record_size(p[0], p[1]); }
 
 // The record's labels under new numbers.
-void renumber_labels(int* p, const std::vector<int>& atom_number, const std::vector<int>& bond_number) {
-  const int vs = p[0], es = p[1];
-  int* vl = p + HEAD;
-  int* el = vl + 2 * vs + 1 + es;
-  for (int i = 0; i < vs; ++i) vl[i] = atom_number[vl[i]];
-  for (int j = 0; j < es; ++j) el[j] = bond_number[el[j]];
+void renumber_labels(SpaceValue* p, const std::vector<int>& atom_number, const std::vector<int>& bond_number) {
+  const int vs = p[0], bonds = p[1];
+  SpaceValue* vl = p + HEAD;
+  SpaceValue* bond = vl + vs;
+  for (int i = 0; i < vs; ++i) vl[i] = static_cast<SpaceValue>(atom_number[vl[i]]);
+  for (int k = 0; k < bonds; ++k) bond[3 * k + 2] = static_cast<SpaceValue>(bond_number[bond[3 * k + 2]]);
 }
 
 // What reading a part of the text leaves: its records' arrays with labels
 // numbered in byte order among the part's own labels.
 struct PartRecords {
-  std::vector<int> arrays;
-  int* placed = nullptr;  // where the arrays lie in the space, once they do
+  std::vector<SpaceValue> arrays;
+  SpaceValue* placed = nullptr;  // where the arrays lie in the space, once they do
   std::vector<std::size_t> starts;                       // each record's arrays in `arrays`
   std::vector<std::pair<int, std::size_t>> rearranged;   // (record of the part, 0-based; its arrangement)
   std::vector<std::string> atom_labels, bond_labels;     // byte order
@@ -395,10 +435,10 @@ int column_number(std::string_view line, std::size_t first) {
 
 // Checks the atoms and bonds of a record and appends the fragment to the
 // part: a tree with at least one bond, every bond between two of its atoms,
-// none twice; each atom's neighbours in ascending order, as labelling writes
+// none twice; the bonds ordered by their ends, as labelling's arrays list
 // them. The first bad bond in file order is the one named.
 void add_fragment(RecordReader& r, PartRecords& part) {
-  const std::vector<Bond>& bonds = r.bonds;
+  std::vector<Bond>& bonds = r.bonds;
   const int n = static_cast<int>(r.atoms.size());
   const int nb = static_cast<int>(bonds.size());
   if (nb == 0) r.refuse_at(r.counts_line, "the record has no bond (every fragment has at least one)");
@@ -428,38 +468,21 @@ void add_fragment(RecordReader& r, PartRecords& part) {
     }
     root[x] = y;
   }
-  const int es = 2 * nb;
+  for (Bond& bond : bonds) {
+    if (bond.a > bond.b) std::swap(bond.a, bond.b);
+  }
+  std::sort(bonds.begin(), bonds.end(), [](const Bond& x, const Bond& y) { return x.a != y.a ? x.a < y.a : x.b < y.b; });
   const std::size_t start = part.arrays.size();
-  part.arrays.resize(start + record_ints(n, es));
-  int* p = part.arrays.data() + start;
-  p[0] = n;
-  p[1] = es;
-  int* vl = p + HEAD;
-  int* v = vl + n;
-  int* e = v + n + 1;
-  int* el = e + es;
-  std::copy(r.atoms.begin(), r.atoms.end(), vl);
-  std::fill(v, v + n + 1, 0);
+  part.arrays.resize(start + record_size(n, nb));
+  SpaceValue* p = part.arrays.data() + start;
+  *p++ = static_cast<SpaceValue>(n);
+  *p++ = static_cast<SpaceValue>(nb);
+  for (const int label : r.atoms) *p++ = static_cast<SpaceValue>(label);
   for (const Bond& bond : bonds) {
-    ++v[bond.a];
-    ++v[bond.b];
+    *p++ = static_cast<SpaceValue>(bond.a - 1);
+    *p++ = static_cast<SpaceValue>(bond.b - 1);
+    *p++ = static_cast<SpaceValue>(bond.label);
   }
-  for (int i = 0; i < n; ++i) v[i + 1] += v[i];
-  r.fill.assign(v, v + n);
-  for (const Bond& bond : bonds) {
-    const int a = bond.a - 1, b = bond.b - 1;
-    e[r.fill[a]] = b;
-    el[r.fill[a]++] = bond.label;
-    e[r.fill[b]] = a;
-    el[r.fill[b]++] = bond.label;
-  }
-  // Neighbours ascending; a few per atom, so insertion sort.
-  for (int i = 0; i < n; ++i)
-    for (int j = v[i] + 1; j < v[i + 1]; ++j)
-      for (int k = j; k > v[i] && e[k - 1] > e[k]; --k) {
-        std::swap(e[k - 1], e[k]);
-        std::swap(el[k - 1], el[k]);
-      }
   part.starts.push_back(start);
 }
 
@@ -508,6 +531,8 @@ void read_mol2_record(RecordReader& r, Interner& atom_labels, Interner& bond_lab
   const int na = counts.size() >= 2 ? number_of(counts[0]) : -1;
   const int nb = counts.size() >= 2 ? number_of(counts[1]) : -1;
   if (na < 0 || nb < 0) r.refuse("the counts line does not give the atoms and bonds");
+  if (na > MAX_SPACE_VALUE)
+    r.refuse(format_text("the record has %d atoms, more than the %d a fragment may have", na, MAX_SPACE_VALUE));
   while (r.take("the @<TRIPOS>ATOM line").substr(0, 13) != "@<TRIPOS>ATOM") {
   }
   r.atoms.clear();
@@ -540,27 +565,29 @@ void read_mol2_record(RecordReader& r, Interner& atom_labels, Interner& bond_lab
   add_fragment(r, part);
 }
 
-// A hash of a form's arrays, with its labels as the caller numbers them.
-template <class AtomLabel, class BondLabel>
-std::uint64_t form_hash(int vs, int es, const int* v, const int* e, AtomLabel atom, BondLabel bond) {
-  std::uint64_t h = static_cast<std::uint64_t>(vs) << 32 | static_cast<std::uint32_t>(es);
-  auto mix = [&h](int x) { h = (h ^ static_cast<std::uint32_t>(x)) * 0x100000001b3ull; };
-  for (int i = 0; i < vs; ++i) mix(atom(i));
-  for (int i = 0; i <= vs; ++i) mix(v[i]);
-  for (int j = 0; j < es; ++j) mix(e[j]);
-  for (int j = 0; j < es; ++j) mix(bond(j));
-  h ^= h >> 33;
-  h *= 0xff51afd7ed558ccdull;
-  return h ^ (h >> 33);
-}
+// A hash of a fragment's numbers: atoms, bonds, the atoms' labels, then each
+// bond (a, b, label) in order, labels as the caller numbers them.
+struct FormHash {
+  std::uint64_t h;
+  FormHash(int vs, int bonds) : h(static_cast<std::uint64_t>(vs) << 32 | static_cast<std::uint32_t>(bonds)) {}
+  void mix(int x) { h = (h ^ static_cast<std::uint32_t>(x)) * 0x100000001b3ull; }
+  std::uint64_t value() const {
+    std::uint64_t x = h ^ (h >> 33);
+    x *= 0xff51afd7ed558ccdull;
+    return x ^ (x >> 33);
+  }
+};
 
-std::uint64_t own_hash(const int* p) {
+std::uint64_t own_hash(const SpaceValue* p) {
   const SpaceFragment f = view_at(p);
-  return form_hash(f.vs, f.es, f.v, f.e, [&](int i) { return f.vl[i]; }, [&](int j) { return f.el[j]; });
+  FormHash h(f.vs, f.bonds);
+  for (int i = 0; i < f.vs; ++i) h.mix(f.vl[i]);
+  for (int k = 0; k < 3 * f.bonds; ++k) h.mix(f.bond[k]);
+  return h.value();
 }
 
-bool same_arrays(const int* a, const int* b) {
-  return a[0] == b[0] && a[1] == b[1] && std::equal(a + HEAD, a + record_ints(a[0], a[1]), b + HEAD);
+bool same_arrays(const SpaceValue* a, const SpaceValue* b) {
+  return a[0] == b[0] && a[1] == b[1] && std::equal(a + HEAD, a + record_size(a), b + HEAD);
 }
 
 // Labelling's arrangement of the record at `start`, appended to the part
@@ -578,11 +605,13 @@ void settle_arrangement(PartRecords& part, int record, SmallGraph& in) {
   for (int u = 0; u < n; ++u) {
     std::memset(in.adj[u], 0, sizeof(int) * n);
     in.label[u] = f.vl[u];
-    in.deg[u] = f.v[u + 1] - f.v[u];
-    for (int j = f.v[u]; j < f.v[u + 1]; ++j) {
-      in.adj[u][f.e[j]] = f.el[j] + 1;
-      in.nb[u][j - f.v[u]] = f.e[j];
-    }
+    in.deg[u] = 0;
+  }
+  for (int k = 0; k < f.bonds; ++k) {
+    const int a = f.bond[3 * k], b = f.bond[3 * k + 1], label = f.bond[3 * k + 2];
+    in.adj[a][b] = in.adj[b][a] = label + 1;
+    in.nb[a][in.deg[a]++] = b;
+    in.nb[b][in.deg[b]++] = a;
   }
   int order[SMALL_GRAPH_VERTICES];
   if (!canonical_order_fast(in, order)) return;
@@ -590,33 +619,24 @@ void settle_arrangement(PartRecords& part, int record, SmallGraph& in) {
   for (int k = 0; k < n && identity; ++k) identity = order[k] == k;
   if (identity) return;
   // The record read in that order, as labelling writes it.
-  std::vector<int>& arrays = part.arrays;
+  std::vector<SpaceValue>& arrays = part.arrays;
   const std::size_t at = arrays.size();
-  arrays.resize(at + record_ints(n, f.es));
-  int* p = arrays.data() + at;
-  p[0] = n;
-  p[1] = f.es;
-  int* vl = p + HEAD;
-  int* v = vl + n;
-  int* e = v + n + 1;
-  int* el = e + f.es;
-  for (int k = 0; k < n; ++k) vl[k] = in.label[order[k]];
-  int c = 0;
-  v[0] = 0;
+  arrays.resize(at + record_size(n, f.bonds));
+  SpaceValue* p = arrays.data() + at;
+  *p++ = static_cast<SpaceValue>(n);
+  *p++ = static_cast<SpaceValue>(f.bonds);
+  for (int k = 0; k < n; ++k) *p++ = static_cast<SpaceValue>(in.label[order[k]]);
   for (int a = 0; a < n; ++a) {
     const int* row = in.adj[order[a]];
-    for (int b = 0; b < n; ++b) {
-      if (b == a) continue;
+    for (int b = a + 1; b < n; ++b)
       if (const int code = row[order[b]]; code != 0) {
-        e[c] = b;
-        el[c] = code - 1;
-        ++c;
+        *p++ = static_cast<SpaceValue>(a);
+        *p++ = static_cast<SpaceValue>(b);
+        *p++ = static_cast<SpaceValue>(code - 1);
       }
-    }
-    v[a + 1] = c;
   }
   // A symmetric tree may come out the same in another order.
-  if (same_arrays(p, arrays.data() + start)) arrays.resize(at);
+  if (same_arrays(arrays.data() + at, arrays.data() + start)) arrays.resize(at);
   else part.rearranged.emplace_back(record, at);
 }
 
@@ -657,6 +677,7 @@ struct Part : TaskPool::Task {
   bool arrange_failed = false;  // records read, their arrangements not settled
   Failure arrange_failure;
   bool arrange_out_of_memory = false;
+  bool too_many_labels = false;  // more atom labels than a space numbers
   PartRecords records;
 
   void run(int) override {
@@ -673,7 +694,7 @@ struct Part : TaskPool::Task {
       PartRecords& out = records;
       // Untouched capacity costs no memory: room for the arrays of any run's
       // records, so that they are written once.
-      if (!text.empty()) out.arrays.reserve(text.size() / 4);
+      if (!text.empty()) out.arrays.reserve(text.size() / 2);
       while (true) {
         // Empty lines between records (and a file that ends in some) are passed over.
         const std::size_t start = lines.offset();
@@ -685,12 +706,18 @@ struct Part : TaskPool::Task {
         if (mol2) read_mol2_record(r, atoms, bonds, out);
         else read_sd_record(r, atoms, bonds, out);
         if (keep_spans) out.spans.emplace_back(start, lines.offset() - start);
-        const int bonds_in = out.arrays[out.starts.back() + 1] / 2;
+        const int bonds_in = out.arrays[out.starts.back() + 1];
         out.shortest = out.shortest == 0 ? bonds_in : std::min(out.shortest, bonds_in);
         out.longest = std::max(out.longest, bonds_in);
       }
       out.records = r.record;
       out.lines = lines.number;
+      // Numbers past the bound were cut short: the space is refused once
+      // every part is read (other faults come first).
+      if (atoms.strings.size() > MAX_SPACE_VALUE + 1u) {
+        too_many_labels = true;
+        return;
+      }
       const std::vector<int> atom_number = atoms.sort(out.atom_labels);
       const std::vector<int> bond_number = bonds.sort(out.bond_labels);
       for (const std::size_t s : out.starts) renumber_labels(out.arrays.data() + s, atom_number, bond_number);
@@ -735,6 +762,7 @@ class PartSource {
 
   bool failed = false;  // the file could not be read to its end
   bool mol2 = false;    // known once the first part is out
+  std::size_t part_bytes() const { return chunk_; }
 
   // The next part's text into p; false when the text is used up.
   bool next(Part& p) {
@@ -877,25 +905,40 @@ constexpr std::size_t PART_BYTES = std::size_t{1} << 20;
 // one before, up to a bound.
 class Arena {
  public:
-  explicit Arena(std::vector<SpaceMemory>& blocks) : blocks_(blocks) {}
-  int* place(const std::vector<int>& arrays) {
-    const std::size_t n = arrays.size();
-    if (blocks_.empty() || used_ + n > blocks_.back().size() / sizeof(int)) {
-      std::size_t bytes = blocks_.empty() ? std::size_t{256} << 10 : std::min(2 * blocks_.back().size(), MAX_BLOCK);
-      blocks_.emplace_back(std::max(bytes, n * sizeof(int)));
+  // text_bytes, when known, sizes the first block: a run's records take about
+  // a tenth of their text.
+  Arena(std::vector<SpaceMemory>& blocks, std::size_t text_bytes) : blocks_(blocks) {
+    next_ = std::clamp(text_bytes / 8, MIN_BLOCK, MAX_BLOCK);
+  }
+  SpaceValue* place(const std::vector<SpaceValue>& values) {
+    const std::size_t bytes = values.size() * sizeof(SpaceValue);
+    if (blocks_.empty() || used_ + bytes > blocks_.back().size()) {
+      // Address room: what is never written costs no memory.
+      blocks_.emplace_back(std::max(next_, bytes), SpaceMemory::Pages::by_range);
+      next_ = std::min(2 * next_, MAX_BLOCK);
       used_ = 0;
     }
-    int* at = static_cast<int*>(blocks_.back().data()) + used_;
-    std::copy(arrays.begin(), arrays.end(), at);
-    used_ += n;
+    SpaceMemory& block = blocks_.back();
+    // Ready in one request, rather than a page at a time as they are written.
+    block.make_ready(used_, used_ + bytes);
+    SpaceValue* at = reinterpret_cast<SpaceValue*>(static_cast<char*>(block.data()) + used_);
+    std::copy(values.begin(), values.end(), at);
+    used_ += bytes;
     return at;
   }
 
  private:
-  static constexpr std::size_t MAX_BLOCK = std::size_t{256} << 20;
+  static constexpr std::size_t MIN_BLOCK = std::size_t{1} << 20;
+  static constexpr std::size_t MAX_BLOCK = std::size_t{64} << 20;
   std::vector<SpaceMemory>& blocks_;
-  std::size_t used_ = 0;  // ints of the last block in use
+  std::size_t next_;      // bytes of the next block
+  std::size_t used_ = 0;  // bytes of the last block in use
 };
+
+// More atom labels than a space numbers.
+[[noreturn]] void refuse_labels(const std::string& name) {
+  fatal_error(format_text("%s: more than %d different atom labels\n", name.c_str(), MAX_SPACE_VALUE + 1));
+}
 
 [[noreturn]] void report(const Failure& f) {
   if (f.on_stderr) fatal_error_on_stderr(f.message);
@@ -905,18 +948,20 @@ class Arena {
 // Reads every part of the source, refusing the first fault in the file; the
 // parts' records in file order.
 std::vector<std::unique_ptr<Part>> read_parts(const std::string& name, PartSource& source, std::FILE* file,
-                                              std::string_view text, bool keep_spans, int threads,
-                                              DescriptorSpace& space) {
+                                              std::string_view text, std::size_t text_bytes, bool keep_spans,
+                                              int threads, DescriptorSpace& space) {
   threads = std::max(threads, 1);
   std::vector<std::unique_ptr<Part>> parts;
   // A part's arrays are copied into the space once it is read, and its
   // vector, memory already touched, serves a later part.
-  Arena arena(space.blocks);
-  std::vector<std::vector<int>> spare_arrays;
+  Arena arena(space.blocks, text_bytes);
+  std::vector<std::vector<SpaceValue>> spare_arrays;
   // Declared before the pool, so that however this ends the workers have
   // stopped before the parts they may be reading go away.
   std::deque<std::unique_ptr<Part>> in_flight;
-  std::unique_ptr<TaskPool> pool = threads > 1 ? std::make_unique<TaskPool>(threads) : nullptr;
+  // No more threads than parts, where the size of the text tells.
+  if (text_bytes > 0) threads = std::min<std::size_t>(threads, std::max<std::size_t>(1, text_bytes / source.part_bytes()));
+  std::unique_ptr<TaskPool> pool = make_pool(threads);
   const std::size_t limit = threads > 1 ? 2 * static_cast<std::size_t>(threads) : 1;
   int record_base = 0;
   long long line_base = 0;
@@ -989,6 +1034,8 @@ std::vector<std::unique_ptr<Part>> read_parts(const std::string& name, PartSourc
   }
   if (source.failed) fatal_error(format_text("can't read a file '%s'\n", name.c_str()));
   for (const auto& p : parts)
+    if (p->too_many_labels) refuse_labels(name);
+  for (const auto& p : parts)
     if (p->arrange_failed) {
       if (p->arrange_out_of_memory) throw std::bad_alloc();
       report(p->arrange_failure);
@@ -998,7 +1045,7 @@ std::vector<std::unique_ptr<Part>> read_parts(const std::string& name, PartSourc
 
 // The space from its parts: labels numbered over the whole space, the
 // records in order, the index; refuses the same fragment twice.
-void gather(std::vector<std::unique_ptr<Part>>& parts, DescriptorSpace& space) {
+void gather(std::vector<std::unique_ptr<Part>>& parts, DescriptorSpace& space, int threads) {
   space.mol2 = !parts.empty() && parts.front()->mol2;
   auto merge_labels = [&parts](std::vector<std::string> PartRecords::*labels, std::vector<std::string>& all) {
     for (const auto& p : parts) all.insert(all.end(), (p->records.*labels).begin(), (p->records.*labels).end());
@@ -1007,6 +1054,7 @@ void gather(std::vector<std::unique_ptr<Part>>& parts, DescriptorSpace& space) {
   };
   merge_labels(&PartRecords::atom_labels, space.atom_labels);
   merge_labels(&PartRecords::bond_labels, space.bond_labels);
+  if (space.atom_labels.size() > MAX_SPACE_VALUE + 1u) refuse_labels(space.name);
   std::size_t records = 0, rearranged = 0;
   for (const auto& p : parts) {
     records += p->records.starts.size();
@@ -1014,65 +1062,89 @@ void gather(std::vector<std::unique_ptr<Part>>& parts, DescriptorSpace& space) {
   }
   space.records.reserve(records);
   space.rearranged.reserve(rearranged);
-  for (const auto& p : parts) {
-    PartRecords& r = p->records;
-    auto numbers = [](const std::vector<std::string>& local, const std::vector<std::string>& all) {
-      std::vector<int> number(local.size());
-      for (std::size_t i = 0; i < local.size(); ++i)
-        number[i] = static_cast<int>(std::lower_bound(all.begin(), all.end(), local[i]) - all.begin());
-      return number;
-    };
-    const std::vector<int> atom_number = numbers(r.atom_labels, space.atom_labels);
-    const std::vector<int> bond_number = numbers(r.bond_labels, space.bond_labels);
-    for (const std::size_t s : r.starts) renumber_labels(r.placed + s, atom_number, bond_number);
-    for (const auto& [k, s] : r.rearranged) renumber_labels(r.placed + s, atom_number, bond_number);
-    const int before = static_cast<int>(space.records.size());
+  std::vector<int> first(parts.size());  // each part's first record, 0-based
+  for (std::size_t i = 0; i < parts.size(); ++i) {
+    PartRecords& r = parts[i]->records;
+    first[i] = static_cast<int>(space.records.size());
     for (const std::size_t s : r.starts) space.records.push_back(r.placed + s);
-    for (const auto& [k, s] : r.rearranged) space.rearranged.emplace_back(before + k + 1, r.placed + s);
-    for (const auto& [start, length] : r.spans) space.spans.emplace_back(p->offset + start, length);
+    for (const auto& [k, s] : r.rearranged) space.rearranged.emplace_back(first[i] + k + 1, r.placed + s);
+    for (const auto& [start, length] : r.spans) space.spans.emplace_back(parts[i]->offset + start, length);
     if (r.shortest > 0) space.shortest = space.shortest == 0 ? r.shortest : std::min(space.shortest, r.shortest);
     space.longest = std::max(space.longest, r.longest);
   }
+  // Each part's labels in the space's numbers, and each record's hash in the
+  // arrangement labelling gives it, part by part on the threads.
+  const int n = space.size();
+  std::vector<std::uint64_t> hashes(n);
+  const int workers = std::clamp(threads, 1, std::max(1, static_cast<int>(parts.size())));
+  run_parts(workers, [&](int worker) {
+    for (std::size_t i = static_cast<std::size_t>(worker); i < parts.size(); i += static_cast<std::size_t>(workers)) {
+      PartRecords& r = parts[i]->records;
+      auto numbers = [](const std::vector<std::string>& local, const std::vector<std::string>& all) {
+        std::vector<int> number(local.size());
+        for (std::size_t k = 0; k < local.size(); ++k)
+          number[k] = static_cast<int>(std::lower_bound(all.begin(), all.end(), local[k]) - all.begin());
+        return number;
+      };
+      const std::vector<int> atom_number = numbers(r.atom_labels, space.atom_labels);
+      const std::vector<int> bond_number = numbers(r.bond_labels, space.bond_labels);
+      for (const std::size_t s : r.starts) renumber_labels(r.placed + s, atom_number, bond_number);
+      for (const auto& [k, s] : r.rearranged) renumber_labels(r.placed + s, atom_number, bond_number);
+      std::size_t next = 0;
+      for (int k = 0; k < static_cast<int>(r.starts.size()); ++k) {
+        const bool moved = next < r.rearranged.size() && r.rearranged[next].first == k;
+        hashes[first[i] + k] = own_hash(r.placed + (moved ? r.rearranged[next++].second : r.starts[k]));
+      }
+    }
+  });
   parts.clear();
 
   // The index, filled in record order with the arrangement labelling gives
   // each record: the first record that repeats an earlier one is named, with
   // the one it repeats.
   const std::size_t entries = space.records.size() + space.rearranged.size();
+  // At most two thirds full: with the tags, a probe rarely leaves a cache line.
   std::size_t size = 16;
-  while (size < 2 * entries) size *= 2;
+  while (2 * size < 3 * entries) size *= 2;
   space.slot_memory = SpaceMemory(size * sizeof(SpaceSlot));
   space.slot_count = size;
   SpaceSlot* slots = static_cast<SpaceSlot*>(space.slot_memory.data());
   const std::size_t mask = size - 1;
-  auto insert = [&](const int* form, std::uint64_t h, int d, bool check) {
+  auto form_of = [&space, n](std::uint32_t entry) {
+    return entry < static_cast<std::uint32_t>(n) ? space.records[entry] : space.rearranged[entry - n].second;
+  };
+  auto descriptor_of = [&space, n](std::uint32_t entry) {
+    return entry < static_cast<std::uint32_t>(n) ? static_cast<int>(entry) + 1 : space.rearranged[entry - n].first;
+  };
+  auto insert = [&](std::uint32_t entry, std::uint64_t h, bool check) {
+    const SpaceValue* form = form_of(entry);
     const std::uint32_t tag = static_cast<std::uint32_t>(h >> 32);
     std::size_t b = h & mask;
-    for (; slots[b].form != nullptr; b = (b + 1) & mask)
-      if (check && slots[b].tag == tag && same_arrays(slots[b].form, form))
-        fatal_error(format_text("%s: record %d: the same fragment as record %d\n", space.name.c_str(), std::abs(d),
-                                std::abs(slots[b].d)));
-    slots[b] = SpaceSlot{form, tag, d};
+    for (; slots[b].entry != 0; b = (b + 1) & mask)
+      if (check && slots[b].tag == tag && same_arrays(form_of(slots[b].entry - 1), form))
+        fatal_error(format_text("%s: record %d: the same fragment as record %d\n", space.name.c_str(),
+                                descriptor_of(entry), descriptor_of(slots[b].entry - 1)));
+    slots[b] = SpaceSlot{tag, entry + 1};
   };
-  // Hashed in order first, then placed: each placing waits on a slot far
-  // away, so the slots a few records ahead are fetched meanwhile.
-  const int n = space.size();
-  std::vector<std::uint64_t> hashes(n);
-  std::vector<const int*> forms(space.records.begin(), space.records.end());
-  for (const auto& [d, form] : space.rearranged) forms[d - 1] = form;
-  for (int k = 0; k < n; ++k) hashes[k] = own_hash(forms[k]);
+  // Each record in the arrangement labelling gives it, in record order; each
+  // placing waits on a slot far away, so the slots a few records ahead are
+  // fetched meanwhile.
+  std::vector<std::uint32_t> entry(n);
+  std::iota(entry.begin(), entry.end(), 0u);
+  for (std::size_t k = 0; k < space.rearranged.size(); ++k)
+    entry[space.rearranged[k].first - 1] = static_cast<std::uint32_t>(n + k);
   constexpr int AHEAD = 8;
   for (int k = 0; k < n; ++k) {
     if (k + AHEAD < n) __builtin_prefetch(&slots[hashes[k + AHEAD] & mask]);
-    insert(forms[k], hashes[k], forms[k] == space.records[k] ? k + 1 : -(k + 1), true);
+    insert(entry[k], hashes[k], true);
   }
-  // Arrays as written too, which lookups prefer.
-  for (const auto& [d, form] : space.rearranged) insert(space.records[d - 1], own_hash(space.records[d - 1]), d, false);
+  // Records as written too, which lookups prefer.
+  for (const auto& [d, form] : space.rearranged) insert(d - 1, own_hash(space.records[d - 1]), false);
 }
 
 }  // namespace
 
-SpaceFragment fragment_at(const int* arrays) { return view_at(arrays); }
+SpaceFragment fragment_at(const SpaceValue* values) { return view_at(values); }
 
 SpaceFragment DescriptorSpace::fragment(int d) const { return view_at(records[d - 1]); }
 
@@ -1082,8 +1154,8 @@ DescriptorSpace read_space(const std::string& name, std::string text, bool keep_
   space.name = name;
   {
     PartSource source(std::string_view(text), chunk_bytes > 0 ? chunk_bytes : PART_BYTES);
-    std::vector<std::unique_ptr<Part>> parts = read_parts(name, source, nullptr, text, keep_text, threads, space);
-    gather(parts, space);
+    std::vector<std::unique_ptr<Part>> parts = read_parts(name, source, nullptr, text, text.size(), keep_text, threads, space);
+    gather(parts, space, threads);
   }
   if (keep_text) space.text = std::move(text);
   return space;
@@ -1101,8 +1173,10 @@ DescriptorSpace read_space_file(const std::string& path, bool keep_text, int thr
   DescriptorSpace space;
   space.name = path;
   PartSource source(f.get(), chunk_bytes > 0 ? chunk_bytes : PART_BYTES);
-  std::vector<std::unique_ptr<Part>> parts = read_parts(path, source, f.get(), {}, false, threads, space);
-  gather(parts, space);
+  struct stat st;
+  const std::size_t bytes = fstat(fileno(f.get()), &st) == 0 && S_ISREG(st.st_mode) ? st.st_size : 0;
+  std::vector<std::unique_ptr<Part>> parts = read_parts(path, source, f.get(), {}, bytes, false, threads, space);
+  gather(parts, space, threads);
   return space;
 }
 
@@ -1114,9 +1188,38 @@ std::string_view record_text(const DescriptorSpace& space, int d) {
 
 // ---- Matching ----
 
+SpaceLookups::SpaceLookups(int descriptors)
+    : chunks_(new std::atomic<std::atomic<int>*>[CHUNKS]),
+      found_(new std::atomic<std::uint8_t>[static_cast<std::size_t>(descriptors) + 1]) {
+  for (std::size_t c = 0; c < CHUNKS; ++c) chunks_[c].store(nullptr, std::memory_order_relaxed);
+  for (int d = 0; d <= descriptors; ++d) found_[d].store(0, std::memory_order_relaxed);
+}
+
+SpaceLookups::~SpaceLookups() {
+  for (std::size_t c = 0; c < CHUNKS; ++c) delete[] chunks_[c].load(std::memory_order_relaxed);
+}
+
+bool SpaceLookups::set(int f, int d) {
+  std::atomic<std::atomic<int>*>& slot = chunks_[static_cast<std::size_t>(f) >> CHUNK_BITS];
+  std::atomic<int>* chunk = slot.load(std::memory_order_acquire);
+  if (chunk == nullptr) {
+    auto made = std::make_unique<std::atomic<int>[]>(CHUNK);
+    for (int k = 0; k < CHUNK; ++k) made[k].store(UNKNOWN, std::memory_order_relaxed);
+    // Another matcher may have made the chunk meanwhile: its chunk stays.
+    if (slot.compare_exchange_strong(chunk, made.get(), std::memory_order_acq_rel, std::memory_order_acquire))
+      chunk = made.release();
+  }
+  int expected = UNKNOWN;
+  return chunk[f & (CHUNK - 1)].compare_exchange_strong(expected, d, std::memory_order_relaxed);
+}
+
+bool SpaceLookups::find(int d) {
+  return found_[d].load(std::memory_order_relaxed) == 0 && found_[d].exchange(1, std::memory_order_relaxed) == 0;
+}
+
 SpaceMatcher::SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& dict, FormStore& store,
-                           std::size_t memo_limit)
-    : space_(space), store_(store), memo_limit_(memo_limit), found_(space.records.size() + 1, 0) {
+                           SpaceLookups& lookups, std::size_t memo_limit)
+    : space_(space), store_(store), lookups_(lookups), memo_limit_(memo_limit) {
   // The input's label numbers in the space's: a label the space lacks leaves
   // every fragment that holds it outside.
   atom_index_.assign(dict.vertex_labels.count, -1);
@@ -1131,41 +1234,60 @@ SpaceMatcher::SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& 
 
 std::uint64_t SpaceMatcher::input_hash(int form, bool& outside) {
   const GraphView g = store_.view(form);
-  labels_.resize(static_cast<std::size_t>(g.vs) + g.es);
-  int* vl = labels_.data();
-  int* el = vl + g.vs;
+  labels_.resize(g.vs);
   outside = true;
   for (int i = 0; i < g.vs; ++i)
-    if ((vl[i] = atom_index_[g.vl[i]]) < 0) return 0;
-  for (int j = 0; j < g.es; ++j)
-    if ((el[j] = bond_index_[g.el[j]]) < 0) return 0;
+    if ((labels_[i] = atom_index_[g.vl[i]]) < 0) return 0;
+  FormHash h(g.vs, g.es / 2);
+  for (int i = 0; i < g.vs; ++i) h.mix(labels_[i]);
+  // Each bond once, from its lower end: the order the space lists them in.
+  for (int i = 0; i < g.vs; ++i)
+    for (int j = g.v[i]; j < g.v[i + 1]; ++j) {
+      if (g.e[j] < i) continue;
+      const int label = bond_index_[g.el[j]];
+      if (label < 0) return 0;
+      h.mix(i);
+      h.mix(g.e[j]);
+      h.mix(label);
+    }
   outside = false;
-  return form_hash(g.vs, g.es, g.v, g.e, [&](int i) { return vl[i]; }, [&](int j) { return el[j]; });
+  return h.value();
+}
+
+const SpaceValue* SpaceMatcher::form_of(std::uint32_t entry) const {
+  const std::uint32_t n = static_cast<std::uint32_t>(space_.records.size());
+  return entry < n ? space_.records[entry] : space_.rearranged[entry - n].second;
 }
 
 int SpaceMatcher::lookup(int form, std::uint64_t h) {
   const GraphView g = store_.view(form);
   const std::uint32_t tag = static_cast<std::uint32_t>(h >> 32);
-  auto equal = [&](const int* p) {
+  auto equal = [&](const SpaceValue* p) {
     const SpaceFragment f = view_at(p);
-    if (f.vs != g.vs || f.es != g.es || !std::equal(g.v, g.v + g.vs + 1, f.v) || !std::equal(g.e, g.e + g.es, f.e))
-      return false;
+    if (f.vs != g.vs || 2 * f.bonds != g.es) return false;
     for (int i = 0; i < g.vs; ++i)
       if (atom_index_[g.vl[i]] != f.vl[i]) return false;
-    for (int j = 0; j < g.es; ++j)
-      if (bond_index_[g.el[j]] != f.el[j]) return false;
+    const SpaceValue* bond = f.bond;
+    for (int i = 0; i < g.vs; ++i)
+      for (int j = g.v[i]; j < g.v[i + 1]; ++j) {
+        if (g.e[j] < i) continue;
+        if (bond[0] != i || bond[1] != g.e[j] || bond[2] != bond_index_[g.el[j]]) return false;
+        bond += 3;
+      }
     return true;
   };
-  // Arrays as written come first, so a run's own records keep their own
+  // Records as written come first, so a run's own records keep their own
   // occurrences whatever a rearranged record could claim.
   const SpaceSlot* slots = space_.slots();
   const std::size_t mask = space_.slot_count - 1;
+  const std::uint32_t records = static_cast<std::uint32_t>(space_.records.size());
   int rearranged = 0;
-  for (std::size_t b = h & mask; slots[b].form != nullptr; b = (b + 1) & mask) {
+  for (std::size_t b = h & mask; slots[b].entry != 0; b = (b + 1) & mask) {
     const SpaceSlot& s = slots[b];
-    if (s.tag != tag || !equal(s.form)) continue;
-    if (s.d > 0) return s.d;
-    if (rearranged == 0) rearranged = -s.d;
+    const std::uint32_t entry = s.entry - 1;
+    if (s.tag != tag || !equal(form_of(entry))) continue;
+    if (entry < records) return static_cast<int>(entry) + 1;
+    if (rearranged == 0) rearranged = space_.rearranged[entry - records].first;
   }
   return rearranged;
 }
@@ -1190,64 +1312,40 @@ void SpaceMatcher::match(const Graph& compound, int compid, DescriptorPairs& pai
   pending_.clear();
   for (const FormCount& entry : entries_) {
     const int f = entry.form;
-    if (f >= static_cast<int>(match_.size())) match_.resize(std::max<std::size_t>(store_.size(), f + 1), -1);
-    if (match_[f] != -1) continue;
-    ++summary_.distinct_found;
+    if (lookups_.get(f) != SpaceLookups::UNKNOWN) continue;
     bool outside = false;
     const std::uint64_t h = input_hash(f, outside);
     if (outside) {
-      match_[f] = 0;
-      ++summary_.distinct_outside;
+      if (lookups_.set(f, 0)) {
+        ++summary_.distinct_found;
+        ++summary_.distinct_outside;
+      }
       continue;
     }
-    match_[f] = -2;  // being looked up
     pending_.emplace_back(f, h);
     __builtin_prefetch(&slots[h & mask]);
   }
+  const std::uint32_t records = static_cast<std::uint32_t>(space_.records.size());
   for (const auto& [f, h] : pending_)
-    if (const int* form = slots[h & mask].form) __builtin_prefetch(form);
+    if (const std::uint32_t entry = slots[h & mask].entry; entry != 0 && entry <= records)
+      __builtin_prefetch(&space_.records[entry - 1]);
+  for (const auto& [f, h] : pending_)
+    if (const std::uint32_t entry = slots[h & mask].entry; entry != 0) __builtin_prefetch(form_of(entry - 1));
   for (const auto& [f, h] : pending_) {
-    match_[f] = lookup(f, h);
-    if (match_[f] == 0) ++summary_.distinct_outside;
+    const int d = lookup(f, h);
+    // Another matcher may have looked the form up meanwhile, to the same end.
+    if (lookups_.set(f, d)) {
+      ++summary_.distinct_found;
+      if (d == 0) ++summary_.distinct_outside;
+    }
   }
   for (const FormCount& entry : entries_) {
-    const int d = match_[entry.form];
+    const int d = lookups_.get(entry.form);
     if (d == 0) continue;
     pairs.emplace_back(d, entry.count);
     summary_.occurrences_matched += entry.count;
-    if (!found_[d]) {
-      found_[d] = 1;
-      ++summary_.descriptors_found;
-    }
+    if (lookups_.find(d)) ++summary_.descriptors_found;
   }
-}
-
-ApplySummary SpaceMatcher::combined_summary(const std::vector<const SpaceMatcher*>& matchers) {
-  ApplySummary total;
-  if (matchers.empty()) return total;
-  // The store numbers every form once for all the matchers: a form looked up
-  // by any of them is one fragment found.
-  std::size_t forms = 0;
-  for (const SpaceMatcher* m : matchers) {
-    total.compounds += m->summary_.compounds;
-    total.occurrences_matched += m->summary_.occurrences_matched;
-    forms = std::max(forms, m->match_.size());
-  }
-  for (std::size_t f = 0; f < forms; ++f)
-    for (const SpaceMatcher* m : matchers)
-      if (f < m->match_.size() && m->match_[f] >= 0) {
-        ++total.distinct_found;
-        total.distinct_outside += m->match_[f] == 0;
-        break;
-      }
-  const std::size_t descriptors = matchers.front()->found_.size();
-  for (std::size_t d = 0; d < descriptors; ++d)
-    for (const SpaceMatcher* m : matchers)
-      if (m->found_[d]) {
-        ++total.descriptors_found;
-        break;
-      }
-  return total;
 }
 
 // ---- Applying ----
@@ -1300,24 +1398,29 @@ struct ApplyBatch : TaskPool::Task {
 
 }  // namespace
 
-void apply_space(const DescriptorSpace& space, const LabelDictionary& dict, const CompoundSource& next, int threads,
-                 const std::function<void(int, const std::string&, const DescriptorPairs&)>& row,
+void apply_space(const DescriptorSpace& space, const LabelDictionary& dict, const CompoundSource& next, int compounds,
+                 int threads, const std::function<void(int, const std::string&, const DescriptorPairs&)>& row,
                  ApplySummary& summary) {
+  // No more threads than batches, where the compounds are known.
   threads = std::max(threads, 1);
+  if (compounds > 0) threads = std::min(threads, (compounds + APPLY_BATCH - 1) / APPLY_BATCH);
   // One store of forms for every matcher; on several threads the counters
   // also pool the growth steps they work out. Each counter's memory is
   // bounded as a run bounds its counters'.
   FormStore store;
-  if (threads > 1) store.share_steps();
-  const std::size_t memo_limit = std::max(MEMO_FLOOR, MEMO_BUDGET / static_cast<std::size_t>(threads));
+  SpaceLookups lookups(space.size());
   std::vector<std::unique_ptr<SpaceMatcher>> matchers;
-  for (int t = 0; t < threads; ++t) matchers.push_back(std::make_unique<SpaceMatcher>(space, dict, store, memo_limit));
-  std::vector<char> broken(threads, 0);
+  std::vector<char> broken;
   {
     // Declared before the pool, so that however this ends the workers have
     // stopped before the batches they may be matching go away.
     std::deque<std::unique_ptr<ApplyBatch>> in_flight, spare;
-    std::unique_ptr<TaskPool> pool = threads > 1 ? std::make_unique<TaskPool>(threads) : nullptr;
+    std::unique_ptr<TaskPool> pool = make_pool(threads);
+    if (threads > 1) store.share_steps();
+    const std::size_t memo_limit = std::max(MEMO_FLOOR, MEMO_BUDGET / static_cast<std::size_t>(threads));
+    for (int t = 0; t < threads; ++t)
+      matchers.push_back(std::make_unique<SpaceMatcher>(space, dict, store, lookups, memo_limit));
+    broken.assign(threads, 0);
     const std::size_t limit = threads > 1 ? 4 * static_cast<std::size_t>(threads) : 1;
     bool input_done = false, input_failed = false;
     Failure input_failure;
@@ -1364,13 +1467,15 @@ void apply_space(const DescriptorSpace& space, const LabelDictionary& dict, cons
     }
     if (input_failed) throw input_failure;
   }
-  if (threads == 1) {
-    summary = matchers[0]->summary();
-    return;
+  summary = ApplySummary{};
+  for (const auto& m : matchers) {
+    const ApplySummary& s = m->summary();
+    summary.compounds += s.compounds;
+    summary.occurrences_matched += s.occurrences_matched;
+    summary.distinct_found += s.distinct_found;
+    summary.distinct_outside += s.distinct_outside;
+    summary.descriptors_found += s.descriptors_found;
   }
-  std::vector<const SpaceMatcher*> all;
-  for (const auto& m : matchers) all.push_back(m.get());
-  summary = SpaceMatcher::combined_summary(all);
 }
 
 void apply_space(const DescriptorSpace& space, const CompoundInput& input, int threads,
@@ -1385,5 +1490,5 @@ void apply_space(const DescriptorSpace& space, const CompoundInput& input, int t
         ++c;
         return true;
       },
-      threads, [&](int k, const std::string&, const DescriptorPairs& pairs) { row(k, pairs); }, summary);
+      static_cast<int>(input.compounds.size()), threads, [&](int k, const std::string&, const DescriptorPairs& pairs) { row(k, pairs); }, summary);
 }

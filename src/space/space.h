@@ -13,6 +13,7 @@
 // counted for it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -26,37 +27,50 @@
 #include "enumerate/fragment_counter.h"
 #include "input/input.h"
 
+// A space holds its records' numbers in two bytes each: a run writes
+// fragments of at most a thousand atoms and a thousand labels, and a record
+// by hand of more than 65535 atoms, or a space of more than 65535 labels of
+// a kind, is refused.
+using SpaceValue = std::uint16_t;
+constexpr int MAX_SPACE_VALUE = 65535;
+
 // One descriptor's fragment as its record shows it, its labels numbered by
 // byte order among the space's labels (as a file numbers its own). The
-// arrays belong to the space.
+// numbers belong to the space.
 struct SpaceFragment {
-  int vs = 0;                // atoms
-  int es = 0;                // adjacency entries, two per bond
-  const int* v = nullptr;    // vs + 1 offsets into e
-  const int* e = nullptr;    // far end of each entry, ascending per atom
-  const int* vl = nullptr;   // atom label of each atom: index into DescriptorSpace::atom_labels
-  const int* el = nullptr;   // bond label of each entry: index into DescriptorSpace::bond_labels
+  int vs = 0;                        // atoms
+  int bonds = 0;                     // bonds
+  const SpaceValue* vl = nullptr;    // atom label of each atom: index into DescriptorSpace::atom_labels
+  // Each bond as (atom a, atom b, bond label) with a < b, ordered by a then
+  // b; the label is an index into DescriptorSpace::bond_labels.
+  const SpaceValue* bond = nullptr;
 };
 
-// The fragment whose arrays begin at `arrays`, laid out as the space lays
-// them out (a record, a record rearranged, an index entry's form).
-SpaceFragment fragment_at(const int* arrays);
+// The fragment whose numbers begin at `values`, laid out as the space lays
+// them out (a record, or a record rearranged).
+SpaceFragment fragment_at(const SpaceValue* values);
 
-// An entry of the space's index: a fragment's arrays by the hash of those
-// arrays (with the space's label numbers).
+// An entry of the space's index: a fragment by the hash of its numbers (with
+// the space's label numbers).
 struct SpaceSlot {
-  const int* form = nullptr;  // the arrays, as SpaceFragment lays them out; none for an empty slot
-  std::uint32_t tag = 0;      // the top half of the hash
-  std::int32_t d = 0;         // descriptor d as written; -d for its record rearranged
+  std::uint32_t tag = 0;  // the top half of the hash
+  // 0 for an empty slot (the index's memory starts zeroed), else 1 + k for
+  // records[k] when k is below the records, rearranged[k - records] above.
+  std::uint32_t entry = 0;
 };
 
-// Memory for a space's large arrays. Large sizes are mapped on their own,
-// in the largest pages the system offers: touching new memory a small page
-// at a time is a large part of reading a space. Mapped memory comes zeroed;
-// other memory is zeroed here, so both read as zeros.
+// Memory for a space's large arrays, mapped on its own: touching new memory
+// a small page at a time is a large part of reading a space. Either in the
+// largest pages the system offers (for memory touched all over, sizes below
+// one such page being allocated instead), or reserved and made ready a range
+// at a time, in one request for all its pages, as it is filled. Memory reads
+// as zeros until written.
 class SpaceMemory {
  public:
-  explicit SpaceMemory(std::size_t bytes);
+  enum class Pages { large, by_range };
+  explicit SpaceMemory(std::size_t bytes, Pages pages = Pages::large);
+  // Pages::by_range: makes bytes from .. to ready to be written.
+  void make_ready(std::size_t from, std::size_t to);
   ~SpaceMemory();
   SpaceMemory(SpaceMemory&& other) noexcept;
   SpaceMemory& operator=(SpaceMemory&& other) noexcept;
@@ -97,14 +111,15 @@ struct DescriptorSpace {
   // Descriptor d's fragment (1-based), in the arrangement of its record.
   SpaceFragment fragment(int d) const;
 
-  // Each record's arrays: vs, es, then vl, v, e and el.
-  std::vector<const int*> records;
+  // Each record's numbers: vs, the bonds, the atom labels, then each bond
+  // (a, b, label).
+  std::vector<const SpaceValue*> records;
   // Labelling's arrangement of the records written in another, which only
-  // records made by hand are: (descriptor, arrays laid out as in records).
-  std::vector<std::pair<int, const int*>> rearranged;
-  std::vector<SpaceMemory> blocks;  // where the arrays lie
-  // Open addressing by the arrays' hash over every record as written and
-  // every rearranged one: slot_count slots, a power of two.
+  // records made by hand are: (descriptor, numbers laid out as in records).
+  std::vector<std::pair<int, const SpaceValue*>> rearranged;
+  std::vector<SpaceMemory> blocks;  // where the numbers lie
+  // Open addressing by the hash over every record as written and every
+  // rearranged one: slot_count slots, a power of two.
   SpaceMemory slot_memory{0};
   std::size_t slot_count = 0;
   const SpaceSlot* slots() const { return static_cast<const SpaceSlot*>(slot_memory.data()); }
@@ -136,25 +151,54 @@ struct ApplySummary {
   long long descriptors_found = 0;    // descriptors met in at least one compound
 };
 
+// What the forms of one store stand for in one space, shared by the
+// matchers that count into that store: each form is looked up once, by
+// whichever matcher meets it first, and each descriptor found is counted
+// once. Entries live in chunks made as forms arrive and never move, so
+// matchers on several threads read and fill it at once.
+class SpaceLookups {
+ public:
+  explicit SpaceLookups(int descriptors);
+  ~SpaceLookups();
+  SpaceLookups(const SpaceLookups&) = delete;
+  SpaceLookups& operator=(const SpaceLookups&) = delete;
+
+  static constexpr int UNKNOWN = -1;
+  // The descriptor form f stands for, 0 for none, UNKNOWN before a lookup.
+  int get(int f) const {
+    const std::atomic<int>* chunk = chunks_[static_cast<std::size_t>(f) >> CHUNK_BITS].load(std::memory_order_acquire);
+    return chunk == nullptr ? UNKNOWN : chunk[f & (CHUNK - 1)].load(std::memory_order_relaxed);
+  }
+  // Keeps what form f stands for; true for the first to keep it.
+  bool set(int f, int d);
+  // Marks descriptor d found; true for the first to mark it.
+  bool find(int d);
+
+ private:
+  static constexpr int CHUNK_BITS = 16;
+  static constexpr int CHUNK = 1 << CHUNK_BITS;
+  static constexpr std::size_t CHUNKS = std::size_t{1} << (31 - CHUNK_BITS);
+  std::unique_ptr<std::atomic<std::atomic<int>*>[]> chunks_;
+  std::unique_ptr<std::atomic<std::uint8_t>[]> found_;  // per descriptor, 1-based
+};
+
 // Finds a space's descriptors in compounds read with one label dictionary,
 // one compound after the other. A matcher is for one thread; several may
-// share the space, the dictionary and the store of the forms they count,
-// which numbers every form once for all of them.
+// share the space, the dictionary, the store of the forms they count (which
+// numbers every form once for all of them) and the lookups of those forms.
 class SpaceMatcher {
  public:
   // memo_limit bounds the memory of the matcher's counter, which starts
   // afresh once it is full (the forms stay in the store); 0 for no bound.
-  SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& dict, FormStore& store,
+  SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& dict, FormStore& store, SpaceLookups& lookups,
                std::size_t memo_limit = 0);
   // The compound's descriptors, searching the lengths from the shortest to
   // the longest fragment of the space. compid numbers the compounds, each
   // once.
   void match(const Graph& compound, int compid, DescriptorPairs& pairs);
+  // What this matcher found first: the summaries of matchers that share
+  // lookups add up to the summary of all they matched.
   const ApplySummary& summary() const { return summary_; }
-  // The summary of matchers that shared out one input and one store between
-  // them, as one matcher over all of it would give it: a fragment or
-  // descriptor that several met counts once.
-  static ApplySummary combined_summary(const std::vector<const SpaceMatcher*>& matchers);
 
  private:
   // The hash of a counted form with its labels in the space's numbers;
@@ -162,14 +206,15 @@ class SpaceMatcher {
   std::uint64_t input_hash(int form, bool& outside);
   // The descriptor the form with that hash stands for, 0 for none.
   int lookup(int form, std::uint64_t hash);
+  // The numbers of an entry of the space's index.
+  const SpaceValue* form_of(std::uint32_t entry) const;
 
   const DescriptorSpace& space_;
   std::vector<int> atom_index_, bond_index_;  // input label -> space label, -1 for none
   FormStore& store_;
+  SpaceLookups& lookups_;
   std::size_t memo_limit_;
   std::unique_ptr<FragmentCounter> counter_;
-  std::vector<int> match_;   // per form of the store: descriptor, 0 for none, -1 not looked up here
-  std::vector<char> found_;  // per descriptor: met in some compound
   std::vector<FormCount> entries_;
   std::vector<int> labels_;  // scratch: a form's labels in the space's numbers
   std::vector<std::pair<int, std::uint64_t>> pending_;  // scratch: (form, hash) to look up
@@ -181,14 +226,15 @@ class SpaceMatcher {
 using CompoundSource = std::function<bool(Graph& g, std::string& name)>;
 
 // Every compound of the source, read on the calling thread and matched on up
-// to `threads` threads, each with a matcher of its own, over batches of
+// to `threads` threads (no more than batches of `compounds`, when that is
+// known, else 0), each with a matcher of its own, over batches of
 // compounds; row(c, name, pairs) is called on the calling thread for compound
 // c, in input order, so what a caller writes does not depend on the threads.
 // A failure (Failure, or an exhausted heap) is thrown on the calling thread
 // after every worker has stopped, the first in input order; so is one thrown
 // by row or by the source (after the rows of the compounds before it).
-void apply_space(const DescriptorSpace& space, const LabelDictionary& dict, const CompoundSource& next, int threads,
-                 const std::function<void(int, const std::string&, const DescriptorPairs&)>& row,
+void apply_space(const DescriptorSpace& space, const LabelDictionary& dict, const CompoundSource& next, int compounds,
+                 int threads, const std::function<void(int, const std::string&, const DescriptorPairs&)>& row,
                  ApplySummary& summary);
 
 // The same over compounds held in memory.

@@ -198,6 +198,8 @@ TEST(apply, refuses_what_it_cannot_use_with_one_message_and_no_file) {
       {"same fragment twice", CC + CC, INPUT, usual, 1, "space_frag.sdf: record 2: the same fragment as record 1\n"},
       {"not a structure record", "hello\n", INPUT, usual, 1,
        "space_frag.sdf: record 1 (line 1): the file ends before the program line\n"},
+      {"a record larger than a fragment can be", "@<TRIPOS>MOLECULE\n1\n70000 69999 0 0 0\n", INPUT, usual, 1,
+       "space_frag.sdf: record 1 (line 3): the record has 70000 atoms, more than the 65535 a fragment may have\n"},
       {"structure file missing", "-", INPUT, usual, 1, "can't open a file 'space_frag.sdf'\n"},
       {"input refused by the SD reader", CC, INPUT.substr(0, INPUT.find("  1  2  1")) + "  1  2  7  0  0  0  0\n",
        usual, 1, "in.sdf: read sdf file : edge label not valid 7\n"},
@@ -233,6 +235,25 @@ TEST(apply, empty_structure_file_is_an_empty_space) {
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(read_file(work + "/in.out"), "\"methane\",0\n\"methane\",0\n");
   EXPECT_NE(r.out.find("compounds read: 2\ndescriptors in the space: 0\n"), std::string::npos) << r.out;
+  remove_tree(work);
+}
+
+// The space's memory is reserved as it fills, so applying a small space on
+// several threads fits a tight address-space limit (a batch queue's ulimit -v).
+TEST(apply, a_small_space_fits_a_70_mb_address_space_limit) {
+#ifdef TAVRIX_SANITIZED
+  GTEST_SKIP() << "the sanitizers reserve terabytes of address space";
+#endif
+  const std::string work = make_temp_dir();
+  write_file(work + "/example.sdf", read_file(std::string(TAVRIX_TEST_DATA) + "/example/example.sdf"));
+  ASSERT_EQ(run_tavrix({"-lmax", "3", "example.sdf"}, work).status, 1);
+  const RunResult limited = run_program(
+      "/bin/sh",
+      {"-c", "ulimit -v 70000 && TAVRIX_THREADS=3 exec '" TAVRIX_APPLY_BINARY "' -ofile limited example_frag.sdf "
+             "example.sdf"},
+      work);
+  EXPECT_EQ(limited.status, 0) << limited.err;
+  EXPECT_EQ(read_file(work + "/limited.out"), read_file(work + "/example.out"));
   remove_tree(work);
 }
 

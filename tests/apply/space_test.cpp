@@ -126,8 +126,8 @@ std::string describe(const DescriptorSpace& s) {
   out << "mol2 " << s.mol2 << ", " << s.size() << " records of " << s.shortest << " to " << s.longest << " bonds\n";
   auto put = [&](const SpaceFragment& f) {
     for (int i = 0; i < f.vs; ++i) out << s.atom_labels[f.vl[i]] << ' ';
-    for (int i = 0; i <= f.vs; ++i) out << f.v[i] << ' ';
-    for (int j = 0; j < f.es; ++j) out << f.e[j] << s.bond_labels[f.el[j]] << ' ';
+    for (int k = 0; k < f.bonds; ++k)
+      out << f.bond[3 * k] << s.bond_labels[f.bond[3 * k + 2]] << f.bond[3 * k + 1] << ' ';
     out << '\n';
   };
   for (int d = 1; d <= s.size(); ++d) put(s.fragment(d));
@@ -233,6 +233,27 @@ TEST(apply, reads_a_structure_file_in_parts_on_threads_as_in_one_piece) {
   EXPECT_GT(refused, cases / 4);
   EXPECT_LT(refused, cases);
   EXPECT_GT(rearranged, 0);
+}
+
+// A space numbers at most 65536 atom labels, whichever parts hold them.
+TEST(apply, refuses_a_space_of_more_atom_labels_than_it_numbers) {
+  for (const int labels : {65536, 65537}) {
+    std::string text;
+    for (int k = 0; k < labels; k += 2) {
+      char record[200];
+      std::snprintf(record, sizeof record,
+                    "@<TRIPOS>MOLECULE\n%d\n2 1\nSMALL\n@<TRIPOS>ATOM\n1 a 0 0 0 x%d\n2 b 0 0 0 x%d\n"
+                    "@<TRIPOS>BOND\n1 1 2 1\n\n",
+                    k / 2 + 1, k, k + 1);
+      text += record;
+    }
+    // One part, which then holds too many, or many parts, none of which does.
+    for (const std::size_t part : {text.size() + 1, std::size_t{4096}}) {
+      const std::string r = reading("many.sdf", text, false, 3, part);
+      if (labels == 65536) EXPECT_EQ(r.rfind("refused", 0), std::string::npos) << r.substr(0, 200);
+      else EXPECT_EQ(r, "refused: many.sdf: more than 65536 different atom labels\n");
+    }
+  }
 }
 
 // The most atoms of one label in the record.

@@ -85,7 +85,8 @@ ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpac
       return naming_input(settings, [&] { return next_compound(input, g, name); });
     };
     // The lines come back in input order whatever the threads.
-    apply_space(space, input.dictionary, next, threads, [&](int, const std::string& name, const DescriptorPairs& pairs) {
+    apply_space(space, input.dictionary, next, input.compounds, threads,
+                [&](int, const std::string& name, const DescriptorPairs& pairs) {
       // As Tavrix writes its lines: the name as "%s" would (up to a NUL
       // byte), then the numbers, each of at most 11 characters.
       const std::size_t name_length = std::strlen(name.c_str());
