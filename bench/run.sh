@@ -108,22 +108,28 @@ fi
 
 # tavrix-apply with the structure file of the nci5k run (-lmax 7), applied to
 # nci5k itself, beside that run, turn about; the descriptor file must come
-# out the same.
+# out the same. Both with the threads they take by default, then both on one
+# thread.
 dir=$work/apply; mkdir -p "$dir"; cp "$work/nci5k.sdf" "$dir/"
 (cd "$dir" && "$bin" -lmax 7 nci5k.sdf > /dev/null) || true
-run_t=() run_m=() apply_t=() apply_m=()
-for ((i = 0; i < runs; ++i)); do
-  (cd "$dir" && /usr/bin/time -f "%e %M" -o run.txt "$bin" -lmax 7 -ofile run nci5k.sdf > /dev/null) || true
-  (cd "$dir" && /usr/bin/time -f "%e %M" -o apply.txt "$apply" -ofile applied nci5k_frag.sdf nci5k.sdf > /dev/null)
-  read -r t m < <(tail -n 1 "$dir/run.txt"); run_t+=("$t"); run_m+=("$m")
-  read -r t m < <(tail -n 1 "$dir/apply.txt"); apply_t+=("$t"); apply_m+=("$m")
-done
-cmp -s "$dir/applied.out" "$dir/nci5k.out" || echo "tavrix-apply: applied.out differs from the run's nci5k.out"
 echo "Applying the nci5k space ($(grep -c '^\$\$\$\$$' "$dir/nci5k_frag.sdf") descriptors) to nci5k, median of $runs runs:"
-printf '  %-22s %6.2f s  %5d MB\n' "Tavrix -lmax 7" "$(printf '%s\n' "${run_t[@]}" | median)" \
-  $(($(printf '%s\n' "${run_m[@]}" | sort -n | tail -1) / 1024))
-printf '  %-22s %6.2f s  %5d MB\n' "tavrix-apply" "$(printf '%s\n' "${apply_t[@]}" | median)" \
-  $(($(printf '%s\n' "${apply_m[@]}" | sort -n | tail -1) / 1024))
+for one in "" 1; do
+  run_t=() run_m=() apply_t=() apply_m=()
+  for ((i = 0; i < runs; ++i)); do
+    (cd "$dir" && env ${one:+TAVRIX_THREADS=1} /usr/bin/time -f "%e %M" -o run.txt \
+      "$bin" -lmax 7 -ofile run nci5k.sdf > /dev/null) || true
+    (cd "$dir" && env ${one:+TAVRIX_THREADS=1} /usr/bin/time -f "%e %M" -o apply.txt \
+      "$apply" -ofile applied nci5k_frag.sdf nci5k.sdf > /dev/null)
+    read -r t m < <(tail -n 1 "$dir/run.txt"); run_t+=("$t"); run_m+=("$m")
+    read -r t m < <(tail -n 1 "$dir/apply.txt"); apply_t+=("$t"); apply_m+=("$m")
+  done
+  cmp -s "$dir/applied.out" "$dir/nci5k.out" || echo "tavrix-apply: applied.out differs from the run's nci5k.out"
+  if [ -n "$one" ]; then echo "  one thread:"; else echo "  the default threads ($threads):"; fi
+  printf '    %-20s %6.2f s  %5d MB\n' "Tavrix -lmax 7" "$(printf '%s\n' "${run_t[@]}" | median)" \
+    $(($(printf '%s\n' "${run_m[@]}" | sort -n | tail -1) / 1024))
+  printf '    %-20s %6.2f s  %5d MB\n' "tavrix-apply" "$(printf '%s\n' "${apply_t[@]}" | median)" \
+    $(($(printf '%s\n' "${apply_m[@]}" | sort -n | tail -1) / 1024))
+done
 if /usr/bin/python3 -c "import rdkit" 2> /dev/null; then
   read -r rdkit nmols < <(/usr/bin/python3 "$here/rdkit_count.py" "$work/nci5k.sdf" "$runs")
   echo "RDKit count fingerprint, maxPath 7, $nmols molecules (parsing not timed): $rdkit s"
