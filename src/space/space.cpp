@@ -348,7 +348,9 @@ SpaceFragment view_at(const SpaceValue* p) {
   f.bond = f.vl + f.vs;
   return f;
 }
-std::size_t record_size(int vs, int bonds) { return HEAD + static_cast<std::size_t>(vs) + 3 * static_cast<std::size_t>(bonds); }
+std::size_t record_size(int vs, int bonds) {
+  return HEAD + static_cast<std::size_t>(vs) + 3 * static_cast<std::size_t>(bonds);
+}
 std::size_t record_size(const SpaceValue* p) { return record_size(p[0], p[1]); }
 
 // The record's labels under new numbers.
@@ -471,7 +473,8 @@ void add_fragment(RecordReader& r, PartRecords& part) {
   for (Bond& bond : bonds) {
     if (bond.a > bond.b) std::swap(bond.a, bond.b);
   }
-  std::sort(bonds.begin(), bonds.end(), [](const Bond& x, const Bond& y) { return x.a != y.a ? x.a < y.a : x.b < y.b; });
+  std::sort(bonds.begin(), bonds.end(),
+            [](const Bond& x, const Bond& y) { return x.a != y.a ? x.a < y.a : x.b < y.b; });
   const std::size_t start = part.arrays.size();
   part.arrays.resize(start + record_size(n, nb));
   SpaceValue* p = part.arrays.data() + start;
@@ -838,7 +841,8 @@ class PartSource {
       return true;
     }
     if (buffer_.capacity == 0) buffer_ = fresh_buffer();
-    if (buffer_.capacity < buffer_.size + chunk_) buffer_.reserve(std::max(buffer_.size + chunk_, 2 * buffer_.capacity));
+    if (buffer_.capacity < buffer_.size + chunk_)
+      buffer_.reserve(std::max(buffer_.size + chunk_, 2 * buffer_.capacity));
     const std::size_t got = std::fread(buffer_.data.get() + buffer_.size, 1, chunk_, file_);
     buffer_.size += got;
     if (got == 0) failed = std::ferror(file_) != 0;
@@ -960,7 +964,10 @@ std::vector<std::unique_ptr<Part>> read_parts(const std::string& name, PartSourc
   // stopped before the parts they may be reading go away.
   std::deque<std::unique_ptr<Part>> in_flight;
   // No more threads than parts, where the size of the text tells.
-  if (text_bytes > 0) threads = std::min<std::size_t>(threads, std::max<std::size_t>(1, text_bytes / source.part_bytes()));
+  if (text_bytes > 0) {
+    const std::size_t parts_in_text = std::max<std::size_t>(1, text_bytes / source.part_bytes());
+    threads = static_cast<int>(std::min<std::size_t>(threads, parts_in_text));
+  }
   std::unique_ptr<TaskPool> pool = make_pool(threads);
   const std::size_t limit = threads > 1 ? 2 * static_cast<std::size_t>(threads) : 1;
   int record_base = 0;
@@ -1154,7 +1161,8 @@ DescriptorSpace read_space(const std::string& name, std::string text, bool keep_
   space.name = name;
   {
     PartSource source(std::string_view(text), chunk_bytes > 0 ? chunk_bytes : PART_BYTES);
-    std::vector<std::unique_ptr<Part>> parts = read_parts(name, source, nullptr, text, text.size(), keep_text, threads, space);
+    std::vector<std::unique_ptr<Part>> parts =
+        read_parts(name, source, nullptr, text, text.size(), keep_text, threads, space);
     gather(parts, space, threads);
   }
   if (keep_text) space.text = std::move(text);
@@ -1490,5 +1498,6 @@ void apply_space(const DescriptorSpace& space, const CompoundInput& input, int t
         ++c;
         return true;
       },
-      static_cast<int>(input.compounds.size()), threads, [&](int k, const std::string&, const DescriptorPairs& pairs) { row(k, pairs); }, summary);
+      static_cast<int>(input.compounds.size()), threads,
+      [&](int k, const std::string&, const DescriptorPairs& pairs) { row(k, pairs); }, summary);
 }

@@ -102,8 +102,8 @@ void renumber_atoms(Record& r, bool mol2, const std::vector<int>& order) {
       std::istringstream in(line);
       std::string id, a, b, type;
       in >> id >> a >> b >> type;
-      line = id + " " + std::to_string(order[std::stoi(a) - 1] + 1) + " " + std::to_string(order[std::stoi(b) - 1] + 1) +
-             " " + type;
+      line = id + " " + std::to_string(order[std::stoi(a) - 1] + 1) + " " +
+             std::to_string(order[std::stoi(b) - 1] + 1) + " " + type;
     } else {
       char ends[24];
       std::snprintf(ends, sizeof ends, "%3d%3d", order[std::stoi(line.substr(0, 3)) - 1] + 1,
