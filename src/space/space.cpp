@@ -1300,27 +1300,33 @@ int SpaceMatcher::lookup(int form, std::uint64_t h) {
   return rearranged;
 }
 
-void SpaceMatcher::match(const Graph& compound, int compid, DescriptorPairs& pairs) {
-  pairs.clear();
-  ++summary_.compounds;
+void SpaceMatcher::match(const Graph* compounds, int n, int first, DescriptorPairs* pairs) {
+  summary_.compounds += n;
+  for (int k = 0; k < n; ++k) pairs[k].clear();
   if (space_.records.empty()) return;
-  // Past its bound the counter starts afresh: the forms it made stay in the
-  // store under their numbers, and so do the lookups made for them.
-  if (!counter_ || counter_->memo_full()) {
-    counter_.reset();
-    counter_ = std::make_unique<FragmentCounter>(space_.shortest, space_.longest, 1, &store_, memo_limit_);
-  }
+  // Every compound counted first, then the forms none has met before looked
+  // up together: each lookup waits on memory far away (the index, then the
+  // records), so the index entries of all of them are fetched at once, then
+  // their records, then compared.
   entries_.clear();
-  counter_->count_compound(compound, compid, entries_);
-  // The forms not met before are looked up together: each lookup waits on
-  // memory far away (the index, then the arrays), so the index entries of
-  // all of them are fetched at once, then their arrays, then compared.
+  ends_.clear();
+  for (int k = 0; k < n; ++k) {
+    // Past its bound the counter starts afresh: the forms it made stay in
+    // the store under their numbers, and so do the lookups made for them.
+    if (!counter_ || counter_->memo_full()) {
+      counter_.reset();
+      counter_ = std::make_unique<FragmentCounter>(space_.shortest, space_.longest, 1, &store_, memo_limit_);
+    }
+    counter_->count_compound(compounds[k], first + k, entries_);
+    ends_.push_back(entries_.size());
+  }
   const SpaceSlot* slots = space_.slots();
   const std::size_t mask = space_.slot_count - 1;
   pending_.clear();
+  if (queued_.size() < static_cast<std::size_t>(store_.size())) queued_.resize(store_.size(), 0);
   for (const FormCount& entry : entries_) {
     const int f = entry.form;
-    if (lookups_.get(f) != SpaceLookups::UNKNOWN) continue;
+    if (queued_[f] || lookups_.get(f) != SpaceLookups::UNKNOWN) continue;
     bool outside = false;
     const std::uint64_t h = input_hash(f, outside);
     if (outside) {
@@ -1330,6 +1336,7 @@ void SpaceMatcher::match(const Graph& compound, int compid, DescriptorPairs& pai
       }
       continue;
     }
+    queued_[f] = 1;
     pending_.emplace_back(f, h);
     __builtin_prefetch(&slots[h & mask]);
   }
@@ -1341,18 +1348,23 @@ void SpaceMatcher::match(const Graph& compound, int compid, DescriptorPairs& pai
     if (const std::uint32_t entry = slots[h & mask].entry; entry != 0) __builtin_prefetch(form_of(entry - 1));
   for (const auto& [f, h] : pending_) {
     const int d = lookup(f, h);
+    queued_[f] = 0;
     // Another matcher may have looked the form up meanwhile, to the same end.
     if (lookups_.set(f, d)) {
       ++summary_.distinct_found;
       if (d == 0) ++summary_.distinct_outside;
     }
   }
-  for (const FormCount& entry : entries_) {
-    const int d = lookups_.get(entry.form);
-    if (d == 0) continue;
-    pairs.emplace_back(d, entry.count);
-    summary_.occurrences_matched += entry.count;
-    if (lookups_.find(d)) ++summary_.descriptors_found;
+  std::size_t begin = 0;
+  for (int k = 0; k < n; ++k) {
+    for (std::size_t e = begin; e < ends_[k]; ++e) {
+      const int d = lookups_.get(entries_[e].form);
+      if (d == 0) continue;
+      pairs[k].emplace_back(d, entries_[e].count);
+      summary_.occurrences_matched += entries_[e].count;
+      if (lookups_.find(d)) ++summary_.descriptors_found;
+    }
+    begin = ends_[k];
   }
 }
 
@@ -1391,7 +1403,7 @@ struct ApplyBatch : TaskPool::Task {
     try {
       RaiseFailures raise;
       SpaceMatcher& m = *(*matchers)[worker];
-      for (int k = 0; k < size; ++k) m.match(graphs[k], first + k, rows[k]);
+      m.match(graphs.data(), size, first, rows.data());
     } catch (const Failure& f) {
       failed = true;
       failure = f;

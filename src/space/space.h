@@ -192,10 +192,10 @@ class SpaceMatcher {
   // afresh once it is full (the forms stay in the store); 0 for no bound.
   SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& dict, FormStore& store, SpaceLookups& lookups,
                std::size_t memo_limit = 0);
-  // The compound's descriptors, searching the lengths from the shortest to
-  // the longest fragment of the space. compid numbers the compounds, each
-  // once.
-  void match(const Graph& compound, int compid, DescriptorPairs& pairs);
+  // The descriptors of the n compounds, into pairs[0 .. n - 1], searching
+  // the lengths from the shortest to the longest fragment of the space. The
+  // compounds are numbered first, first + 1, ..., each number used once.
+  void match(const Graph* compounds, int n, int first, DescriptorPairs* pairs);
   // What this matcher found first: the summaries of matchers that share
   // lookups add up to the summary of all they matched.
   const ApplySummary& summary() const { return summary_; }
@@ -215,7 +215,9 @@ class SpaceMatcher {
   SpaceLookups& lookups_;
   std::size_t memo_limit_;
   std::unique_ptr<FragmentCounter> counter_;
-  std::vector<FormCount> entries_;
+  std::vector<FormCount> entries_;     // scratch: the compounds' entries, one after the other
+  std::vector<std::size_t> ends_;      // scratch: where each compound's entries end
+  std::vector<char> queued_;           // per form of the store: being looked up by this matcher
   std::vector<int> labels_;  // scratch: a form's labels in the space's numbers
   std::vector<std::pair<int, std::uint64_t>> pending_;  // scratch: (form, hash) to look up
   ApplySummary summary_;
