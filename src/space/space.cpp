@@ -1311,12 +1311,13 @@ void SpaceMatcher::match(const Graph* compounds, int n, int first, DescriptorPai
   entries_.clear();
   ends_.clear();
   for (int k = 0; k < n; ++k) {
-    // Past its bound the counter starts afresh: the forms it made stay in
-    // the store under their numbers, and so do the lookups made for them.
-    if (!counter_ || counter_->memo_full()) {
-      counter_.reset();
+    // At its bound the counter forgets what it remembered and starts afresh
+    // in the same memory: the forms it made stay in the store under their
+    // numbers, and so do the lookups made for them.
+    if (!counter_)
       counter_ = std::make_unique<FragmentCounter>(space_.shortest, space_.longest, 1, &store_, memo_limit_);
-    }
+    else if (counter_->memo_full())
+      counter_->forget();
     counter_->count_compound(compounds[k], first + k, entries_);
     ends_.push_back(entries_.size());
   }
@@ -1377,7 +1378,7 @@ namespace {
 constexpr int APPLY_BATCH = 32;
 // The memory of the matchers' counters, as a run has it for its counters: a
 // share of the budget each, at least the floor.
-constexpr std::size_t MEMO_BUDGET = std::size_t{128} << 20;
+constexpr std::size_t MEMO_BUDGET = std::size_t{96} << 20;
 constexpr std::size_t MEMO_FLOOR = std::size_t{32} << 20;
 
 struct ApplyBatch : TaskPool::Task {

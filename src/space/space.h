@@ -188,8 +188,9 @@ class SpaceLookups {
 // numbers every form once for all of them) and the lookups of those forms.
 class SpaceMatcher {
  public:
-  // memo_limit bounds the memory of the matcher's counter, which starts
-  // afresh once it is full (the forms stay in the store); 0 for no bound.
+  // memo_limit bounds the memory of the matcher's counter, which forgets
+  // and starts afresh once it is full (the forms stay in the store); 0 for
+  // the counter's own bound.
   SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& dict, FormStore& store, SpaceLookups& lookups,
                std::size_t memo_limit = 0);
   // The descriptors of the n compounds, into pairs[0 .. n - 1], searching
