@@ -1324,20 +1324,23 @@ void SpaceMatcher::match(const Graph* compounds, int n, int first, DescriptorPai
   const SpaceSlot* slots = space_.slots();
   const std::size_t mask = space_.slot_count - 1;
   pending_.clear();
-  if (queued_.size() < static_cast<std::size_t>(store_.size())) queued_.resize(store_.size(), 0);
+  if (known_.size() < static_cast<std::size_t>(store_.size())) known_.resize(store_.size(), UNKNOWN);
   for (const FormCount& entry : entries_) {
     const int f = entry.form;
-    if (queued_[f] || lookups_.get(f) != SpaceLookups::UNKNOWN) continue;
+    if (known_[f] != UNKNOWN) continue;
+    // Another matcher may have looked it up already.
+    if ((known_[f] = lookups_.get(f)) != UNKNOWN) continue;
     bool outside = false;
     const std::uint64_t h = input_hash(f, outside);
     if (outside) {
+      known_[f] = 0;
       if (lookups_.set(f, 0)) {
         ++summary_.distinct_found;
         ++summary_.distinct_outside;
       }
       continue;
     }
-    queued_[f] = 1;
+    known_[f] = QUEUED;
     pending_.emplace_back(f, h);
     __builtin_prefetch(&slots[h & mask]);
   }
@@ -1349,7 +1352,7 @@ void SpaceMatcher::match(const Graph* compounds, int n, int first, DescriptorPai
     if (const std::uint32_t entry = slots[h & mask].entry; entry != 0) __builtin_prefetch(form_of(entry - 1));
   for (const auto& [f, h] : pending_) {
     const int d = lookup(f, h);
-    queued_[f] = 0;
+    known_[f] = d;
     // Another matcher may have looked the form up meanwhile, to the same end.
     if (lookups_.set(f, d)) {
       ++summary_.distinct_found;
@@ -1359,7 +1362,7 @@ void SpaceMatcher::match(const Graph* compounds, int n, int first, DescriptorPai
   std::size_t begin = 0;
   for (int k = 0; k < n; ++k) {
     for (std::size_t e = begin; e < ends_[k]; ++e) {
-      const int d = lookups_.get(entries_[e].form);
+      const int d = known_[entries_[e].form];
       if (d == 0) continue;
       pairs[k].emplace_back(d, entries_[e].count);
       summary_.occurrences_matched += entries_[e].count;

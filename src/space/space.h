@@ -218,7 +218,10 @@ class SpaceMatcher {
   std::unique_ptr<FragmentCounter> counter_;
   std::vector<FormCount> entries_;     // scratch: the compounds' entries, one after the other
   std::vector<std::size_t> ends_;      // scratch: where each compound's entries end
-  std::vector<char> queued_;           // per form of the store: being looked up by this matcher
+  // Per form of the store, what this matcher knows it stands for (as
+  // SpaceLookups has it, read without going through shared memory again).
+  std::vector<int> known_;
+  static constexpr int UNKNOWN = SpaceLookups::UNKNOWN, QUEUED = -2;
   std::vector<int> labels_;  // scratch: a form's labels in the space's numbers
   std::vector<std::pair<int, std::uint64_t>> pending_;  // scratch: (form, hash) to look up
   ApplySummary summary_;
