@@ -3,7 +3,8 @@
 # shipped inputs and prints wall time (median of 5), peak resident memory,
 # fragments per second and, when perf is available, where the time goes;
 # then one thread beside the default threads on nci5k, tavrix-apply with the
-# space of the nci5k run on nci5k beside that run, and RDKit's count
+# space of the nci5k run on nci5k beside that run (default threads, then one
+# thread), and RDKit's count
 # fingerprint of the same compounds and the ratio. LARGE=FILE adds runs on a
 # large set (one made by make_large.py, for instance) with one thread and the
 # default threads: time and peak memory.
