@@ -38,8 +38,16 @@ void run_parts(int parts, const Work& work) {
   };
   std::vector<std::thread> threads;
   threads.reserve(parts - 1);
-  for (int p = 1; p < parts; ++p) threads.emplace_back(guarded, p);
+  // Parts whose thread the system refuses (an address-space limit, for one,
+  // may refuse its stack) run on the calling thread.
+  int started = 1;
+  try {
+    for (; started < parts; ++started) threads.emplace_back(guarded, started);
+  } catch (const std::exception&) {
+    // std::system_error, or no memory for the thread's own record.
+  }
   guarded(0);
+  for (int p = started; p < parts; ++p) guarded(p);
   for (std::thread& t : threads) t.join();
   for (const Outcome& o : outcome) {
     if (o.failed) {

@@ -16,6 +16,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <system_error>
 #include <thread>
 
 #include "common/parallel.h"
@@ -142,9 +143,12 @@ void count_batch(Worker& w, FormStore& store, const CountOptions& o, Batch& b) {
   } catch (const Failure& f) {
     b.failed = true;
     b.failure = f;
+    // A counter left in the middle of a compound is not used again.
+    w.counter.reset();
   } catch (const std::exception&) {
     // Only a request too large for the allocator can arrive here.
     b.out_of_memory = true;
+    w.counter.reset();
   }
 }
 
@@ -197,16 +201,29 @@ struct WorkerPool {
   std::vector<Worker> workers;
   std::vector<std::thread> threads;
 
+  // As many of n threads as the system lets this process start (an
+  // address-space limit, for one, may refuse their stacks).
   WorkerPool(int n, FormStore& store, const CountOptions& o) : workers(n) {
-    for (int i = 0; i < n; ++i) threads.emplace_back([this, i, &store, &o] { serve(i, store, o); });
+    threads.reserve(n);
+    try {
+      for (int i = 0; i < n; ++i) threads.emplace_back([this, i, &store, &o] { serve(i, store, o); });
+    } catch (const std::system_error&) {
+    } catch (...) {
+      // No destructor runs for a pool that was never made: stop the
+      // threads started so far here.
+      stop_all();
+      throw;
+    }
   }
-  ~WorkerPool() {
+  ~WorkerPool() { stop_all(); }
+  void stop_all() {
     {
       std::lock_guard<std::mutex> lock(mutex);
       stop = true;
     }
     work.notify_all();
-    for (std::thread& t : threads) t.join();
+    for (std::thread& t : threads)
+      if (t.joinable()) t.join();
   }
   void serve(int index, FormStore& store, const CountOptions& o) {
     for (;;) {
@@ -247,9 +264,11 @@ void count_all(CompoundStream& input, const CountOptions& o, CountedRun& run) {
   // One thread counts in the caller's thread; more get a pool, and the
   // caller reads and merges.
   std::unique_ptr<WorkerPool> pool = threads > 1 ? std::make_unique<WorkerPool>(threads, run.store, o) : nullptr;
+  // Without a thread started, the caller counts alone.
+  if (pool && pool->threads.empty()) pool.reset();
   Worker inline_worker;
   Merge merge;
-  const std::size_t in_flight_limit = threads > 1 ? 4 * static_cast<std::size_t>(threads) : 1;
+  const std::size_t in_flight_limit = pool ? 4 * pool->threads.size() : 1;
   Progress progress;
   if (o.progress) progress_start(progress, input.compounds, o.lmin, o.lmax);
   bool input_done = false;

@@ -93,10 +93,11 @@ void FragmentCounter::know(int f) {
   // grows with every counter's forms, this counter meets most of them.
   const std::size_t size =
       std::max<std::size_t>(static_cast<std::size_t>(f) + 1, static_cast<std::size_t>(store_->size()) * 5 / 4 + 1024);
-  m.hot.resize(size);
+  // hot last: its size says how far all four reach, should one fail.
   m.steps_used.resize(size, 0);
   m.last_compound.resize(size, -1);
   m.last_position.resize(size, 0);
+  m.hot.resize(size);
 }
 
 int FragmentCounter::find_or_add_form(const GraphView& g) {
