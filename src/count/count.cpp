@@ -334,7 +334,8 @@ CountOptions count_options(const RunSettings& settings) {
 }
 
 void count_compounds(CompoundStream& input, const CountOptions& options, CountedRun& run) {
-  if (options.threads > 1) run.store.share_steps();
+  // The workers do not pool their growth steps: on nci5k, looking steps up
+  // under the store's locks cost more time than working them out again.
   run.spill.limit = options.spill_limit;
   run.spill.directory = options.spill_directory;
   try {
