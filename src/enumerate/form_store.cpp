@@ -25,12 +25,6 @@ bool same_arrays(const GraphView& a, const GraphView& b) {
          std::equal(a.e, a.e + a.es, b.e) && std::equal(a.el, a.el + a.es, b.el);
 }
 
-std::uint64_t step_hash(std::uint64_t key) {
-  key ^= key >> 31;
-  key *= 0x9e3779b97f4a7c15ull;
-  return key ^ (key >> 29);
-}
-
 }  // namespace
 
 FormStore::FormStore()
@@ -44,13 +38,6 @@ FormStore::~FormStore() {
   for (std::size_t c = 0; c < RECORD_CHUNKS; ++c) delete[] records_[c].load(std::memory_order_relaxed);
 }
 
-void FormStore::share_steps() {
-  if (share_steps_) return;
-  share_steps_ = true;
-  step_shards_ = std::make_unique<StepShard[]>(std::size_t{1} << SHARD_BITS);
-  for (std::size_t k = 0; k < (std::size_t{1} << SHARD_BITS); ++k) step_shards_[k].entries.resize(256);
-}
-
 std::size_t FormStore::bytes() const {
   const std::size_t chunks = (static_cast<std::size_t>(size()) + RECORD_CHUNK - 1) / RECORD_CHUNK;
   std::size_t total = RECORD_CHUNKS * sizeof(StoredForm*) + chunks * RECORD_CHUNK * sizeof(StoredForm);
@@ -58,13 +45,6 @@ std::size_t FormStore::bytes() const {
     Shard& s = shards_[k];
     std::lock_guard<std::mutex> lock(s.mutex);
     total += s.buckets.capacity() * sizeof(std::int32_t) + s.blocks.size() * ARRAY_BLOCK * sizeof(int);
-  }
-  if (share_steps_) {
-    for (std::size_t k = 0; k < (std::size_t{1} << SHARD_BITS); ++k) {
-      StepShard& s = step_shards_[k];
-      std::lock_guard<std::mutex> lock(s.mutex);
-      total += s.entries.capacity() * sizeof(StepEntry);
-    }
   }
   return total;
 }
@@ -133,44 +113,4 @@ int FormStore::find_or_add(const GraphView& g) {
     }
   }
   return f;
-}
-
-bool FormStore::find_step(int form, std::uint32_t key, SharedStep& step) {
-  const std::uint64_t k = static_cast<std::uint64_t>(form) << 32 | key | 0x80000000u;
-  const std::uint64_t h = step_hash(k);
-  StepShard& shard = step_shards_[h >> (64 - SHARD_BITS)];
-  std::lock_guard<std::mutex> lock(shard.mutex);
-  const std::size_t mask = shard.entries.size() - 1;
-  for (std::size_t b = h & mask; shard.entries[b].key != 0; b = (b + 1) & mask) {
-    if (shard.entries[b].key == k) {
-      step = shard.entries[b].step;
-      return true;
-    }
-  }
-  return false;
-}
-
-void FormStore::add_step(int form, std::uint32_t key, const SharedStep& step) {
-  if (steps_.load(std::memory_order_relaxed) >= MAX_SHARED_STEPS) return;
-  const std::uint64_t k = static_cast<std::uint64_t>(form) << 32 | key | 0x80000000u;
-  const std::uint64_t h = step_hash(k);
-  StepShard& shard = step_shards_[h >> (64 - SHARD_BITS)];
-  std::lock_guard<std::mutex> lock(shard.mutex);
-  std::size_t mask = shard.entries.size() - 1;
-  std::size_t b = h & mask;
-  for (; shard.entries[b].key != 0; b = (b + 1) & mask)
-    if (shard.entries[b].key == k) return;  // another counter shared it first
-  shard.entries[b] = StepEntry{k, step};
-  steps_.fetch_add(1, std::memory_order_relaxed);
-  if (4 * ++shard.used > 3 * shard.entries.size()) {
-    std::vector<StepEntry> old(2 * shard.entries.size());
-    old.swap(shard.entries);
-    mask = shard.entries.size() - 1;
-    for (const StepEntry& e : old) {
-      if (e.key == 0) continue;
-      std::size_t c = step_hash(e.key) & mask;
-      while (shard.entries[c].key != 0) c = (c + 1) & mask;
-      shard.entries[c] = e;
-    }
-  }
 }

@@ -32,15 +32,6 @@ struct StoredForm {
   bool branching = false;       // some atom carries three or more of its bonds
 };
 
-// A growth step out of a stable form, as one counter worked it out and
-// others may reuse it (see fragment_memo.h): the grown form, -1 when it is
-// not stable, and its moves.
-constexpr int SHARED_STEP_MOVES = 20;
-struct SharedStep {
-  std::int32_t grown = -1;
-  std::uint8_t moves[SHARED_STEP_MOVES] = {};
-};
-
 class FormStore {
  public:
   FormStore();
@@ -60,16 +51,6 @@ class FormStore {
     const int* e = v + s.vs + 1;
     return GraphView{s.vs, s.es, s.key, v, e, e + s.es, s.arrays};
   }
-  // Counters on several threads also pool the growth steps they work out,
-  // so that each step is labelled about once in the run rather than once per
-  // thread. Set before the counters start.
-  void share_steps();
-  bool shares_steps() const { return share_steps_; }
-  // The step `key` out of `form`, when some counter shared it.
-  bool find_step(int form, std::uint32_t key, SharedStep& step);
-  // Shares a step; past a bound on its memory the store keeps no more.
-  void add_step(int form, std::uint32_t key, const SharedStep& step);
-
   // Forms added so far.
   int size() const { return size_.load(std::memory_order_acquire); }
   // About the bytes the store holds.
@@ -86,17 +67,6 @@ class FormStore {
   static constexpr std::size_t ARRAY_BLOCK = std::size_t{1} << 16;
   static constexpr int SHARD_BITS = 6;
 
-  struct StepEntry {
-    std::uint64_t key = 0;  // form << 32 | step key | 1 << 31; 0 for an empty entry
-    SharedStep step;
-  };
-  struct StepShard {
-    std::mutex mutex;
-    std::vector<StepEntry> entries;
-    std::size_t used = 0;
-  };
-  static constexpr std::size_t MAX_SHARED_STEPS = std::size_t{1} << 19;
-
   struct Shard {
     std::mutex mutex;
     std::vector<std::int32_t> buckets;  // open addressing by the arrays' hash; -1 for an empty bucket
@@ -111,7 +81,4 @@ class FormStore {
   std::unique_ptr<std::atomic<StoredForm*>[]> records_;
   std::atomic<int> size_{0};
   std::unique_ptr<Shard[]> shards_;
-  bool share_steps_ = false;
-  std::unique_ptr<StepShard[]> step_shards_;
-  std::atomic<std::size_t> steps_{0};
 };

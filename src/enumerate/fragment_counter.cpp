@@ -359,34 +359,13 @@ void FragmentCounter::grow(int n, int a, int b, int label) {
     label_exactly(n, true);  // known not to be stable: label the set itself
     return;
   }
-  if (store_->shares_steps()) {
-    // Another thread may have worked this step out already.
-    SharedStep shared;
-    if (store_->find_step(form_[n - 1], key, shared)) {
-      if (shared.grown >= 0) {
-        know(shared.grown);
-        form_[n] = shared.grown;
-        grown_[n] = 1;
-        for (int k = 0; k < n; ++k) child[shared.moves[1 + k]] = parent[k];
-        child[shared.moves[0]] = outside;
-        add_step(form_[n - 1], key, shared.grown, shared.moves, n + 1);
-      } else {
-        label_exactly(n, true);
-        add_step(form_[n - 1], key, -1, shared.moves, 0);
-      }
-      return;
-    }
-  }
-  static_assert(MAX_GROWN_VERTICES + 1 <= SHARED_STEP_MOVES);
-  SharedStep worked;
-  if (label_grown(n, pos, outside, label, worked.moves)) {
-    worked.grown = form_[n];
-    add_step(form_[n - 1], key, form_[n], worked.moves, n + 1);
+  std::uint8_t moves[MAX_GROWN_VERTICES + 1];
+  if (label_grown(n, pos, outside, label, moves)) {
+    add_step(form_[n - 1], key, form_[n], moves, n + 1);
   } else {
     label_exactly(n, true);
-    add_step(form_[n - 1], key, -1, worked.moves, 0);
+    add_step(form_[n - 1], key, -1, moves, 0);
   }
-  if (store_->shares_steps()) store_->add_step(form_[n - 1], key, worked);
 }
 
 // A new step from a stable form: the grown set's graph is the smaller form

@@ -1428,9 +1428,8 @@ void apply_space(const DescriptorSpace& space, const LabelDictionary& dict, cons
   // No more threads than batches, where the compounds are known.
   threads = std::max(threads, 1);
   if (compounds > 0) threads = std::min(threads, (compounds + APPLY_BATCH - 1) / APPLY_BATCH);
-  // One store of forms for every matcher; on several threads the counters
-  // also pool the growth steps they work out. Each counter's memory is
-  // bounded as a run bounds its counters'.
+  // One store of forms for every matcher. Each counter's memory is bounded
+  // as a run bounds its counters'.
   FormStore store;
   SpaceLookups lookups(space.size());
   std::vector<std::unique_ptr<SpaceMatcher>> matchers;
@@ -1440,7 +1439,6 @@ void apply_space(const DescriptorSpace& space, const LabelDictionary& dict, cons
     // stopped before the batches they may be matching go away.
     std::deque<std::unique_ptr<ApplyBatch>> in_flight, spare;
     std::unique_ptr<TaskPool> pool = make_pool(threads);
-    if (threads > 1) store.share_steps();
     const std::size_t memo_limit = std::max(MEMO_FLOOR, MEMO_BUDGET / static_cast<std::size_t>(threads));
     for (int t = 0; t < threads; ++t)
       matchers.push_back(std::make_unique<SpaceMatcher>(space, dict, store, lookups, memo_limit));
