@@ -195,6 +195,13 @@ TEST(sd_reader, refuses_broken_records_with_their_messages) {
     SCOPED_TRACE(c.file);
     EXPECT_INPUT_REFUSED(scratch.put(c.file, data(c.file)), Flags{}, c.output);
   }
+  // An end marker among the bond lines: with bond labels read, its columns
+  // are refused as a bond type first; without them the short record is.
+  std::string cut = chain_record("short", {"C", "O", "N"}, 2);
+  cut.replace(cut.find("  3  2"), 6, "  3  3");
+  cut.erase(cut.find("M  END\n"), 7);
+  EXPECT_INPUT_REFUSED(scratch.put("bonds.sdf", cut), Flags{.no_bond_labels = true},
+                       "total compounds = 1\ncompound 1 (short): the record ends after 2 of its 3 bond lines\n");
 }
 
 TEST(sd_reader, refuses_more_than_a_thousand_atom_labels_at_the_record_that_brings_them) {
