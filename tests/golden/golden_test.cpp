@@ -98,6 +98,23 @@ TEST(whole_run, a_small_run_fits_a_70_mb_address_space_limit) {
   expected.replace(expected.find("outfile = free"), 14, "outfile = limited");
   EXPECT_EQ(limited.out, expected);
   EXPECT_EQ(read_file(work + "/limited.out"), read_file(work + "/free.out"));
+
+  // Eight threads under tighter and looser limits: threads the system refuses
+  // leave the work to the others, and a heap that runs out is reported; the
+  // run never dies of a signal and never writes other numbers.
+  for (int kb = 50000; kb <= 190000; kb += 20000) {
+    const RunResult r = run_program("/bin/sh",
+                                    {"-c", "ulimit -v " + std::to_string(kb) + " && TAVRIX_THREADS=8 exec '" TAVRIX_BINARY
+                                           "' -lmax 3 -ofile limited example.sdf"},
+                                    work);
+    EXPECT_EQ(r.status, 1) << kb << " KB";
+    if (r.err.empty()) {
+      EXPECT_EQ(r.out, expected) << kb << " KB";
+      EXPECT_EQ(read_file(work + "/limited.out"), read_file(work + "/free.out")) << kb << " KB";
+    } else {
+      EXPECT_TRUE(r.err.ends_with(": not enough memory\n")) << kb << " KB: " << r.err;
+    }
+  }
   remove_tree(work);
 }
 
