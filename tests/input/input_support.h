@@ -103,21 +103,4 @@ inline Census census(const CompoundInput& in) {
   return c;
 }
 
-// The record invariants every compound graph keeps: identity ids, offsets
-// that close at es, and each bond seen from both ends with one label.
-inline void expect_well_formed(const Graph& g) {
-  ASSERT_EQ(g.v.size(), static_cast<std::size_t>(g.vs + 1));
-  ASSERT_EQ(g.vid.size(), static_cast<std::size_t>(g.vs));
-  EXPECT_EQ(g.v[g.vs], g.es);
-  for (int k = 0; k < g.vs; ++k) EXPECT_EQ(g.vid[k], k);
-  for (int i = 0; i < g.vs; ++i)
-    for (int j = g.v[i]; j < g.v[i + 1]; ++j) {
-      int k = g.e[j], back = -1;
-      for (int m = g.v[k]; m < g.v[k + 1]; ++m)
-        if (g.e[m] == i) back = m;
-      ASSERT_NE(back, -1);
-      EXPECT_EQ(g.el[back], g.el[j]);
-    }
-}
-
 }  // namespace inputtest

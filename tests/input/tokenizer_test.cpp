@@ -1,5 +1,4 @@
-// The pieces both readers share: the tokeniser, the atom label list, the
-// dictionary loader, and robustness against inputs that are not compounds.
+// The pieces both readers share: the tokeniser, the dictionary loader, and robustness against inputs that are not compounds.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,16 +47,6 @@ TEST(check_token_limit, refuses_the_shortest_lines_at_the_limit) {
     TokenArray t;
     EXPECT_EXIT_WITH_OUTPUT(check_token_limit(line, t), 1, exactly(refused));
   }
-}
-
-TEST(note_atom_label, stores_new_labels_once_and_reports_a_full_list) {
-  std::vector<std::string> list(3);
-  EXPECT_EQ(note_atom_label("C", 0, list), 0);
-  EXPECT_EQ(note_atom_label("Cl", 1, list), 0);
-  EXPECT_EQ(note_atom_label("C", 2, list), 1);
-  EXPECT_EQ(note_atom_label("CL", 2, list), 0);  // case counts
-  EXPECT_EQ(note_atom_label("Cl", 3, list), 1);
-  EXPECT_EQ(note_atom_label("N", 3, list), -1);
 }
 
 TEST(load_label_dictionary, sorts_labels_and_skips_comments) {
