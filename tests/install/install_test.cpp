@@ -10,17 +10,8 @@ namespace {
 
 // The full path of a program on PATH, or "" when there is none.
 std::string on_path(const std::string& name) {
-  const char* path = std::getenv("PATH");
-  std::string dirs = path ? path : "/usr/bin:/bin";
-  std::size_t start = 0;
-  while (start <= dirs.size()) {
-    std::size_t end = dirs.find(':', start);
-    if (end == std::string::npos) end = dirs.size();
-    const std::string candidate = dirs.substr(start, end - start) + "/" + name;
-    if (access(candidate.c_str(), X_OK) == 0) return candidate;
-    start = end + 1;
-  }
-  return "";
+  const RunResult r = run_program("/bin/sh", {"-c", "command -v " + name}, "/");
+  return r.status == 0 ? r.out.substr(0, r.out.find('\n')) : "";
 }
 
 }  // namespace
