@@ -1,5 +1,5 @@
-// Shared services: label sets, the growable array, the line reader and the
-// permutation helper.
+// Shared services: label sets, the growable array, file opening and the line
+// reader.
 #include <gtest/gtest.h>
 
 #include "common/common.h"
