@@ -1,35 +1,15 @@
 // One search per compound over every length, with canonical forms grown bond
-// by bond along the search path (see fragment_memo.h and fragment_counter.h).
+// by bond along the search path (see step_memo.h and fragment_counter.h).
 #include "enumerate/fragment_counter.h"
 
 #include <algorithm>
 #include <bit>
-#include <cstring>
 
 #include "canon/canon.h"
 #include "common/common.h"
 #include "enumerate/enumerate.h"
 
 namespace {
-
-// Bound the memo's memory whatever the input: past these (or the caller's
-// smaller bound), lookups go on but nothing new is remembered.
-constexpr std::size_t MAX_LABELLED_BYTES = std::size_t{1} << 28;
-
-// Past this many buckets the pool takes no more steps.
-constexpr std::size_t MAX_POOL = std::size_t{1} << 23;
-
-// A step's labels fit its key: 8 bits of bond label, 16 of atom label.
-bool step_labels_fit(int bond_label, int atom_label) {
-  return bond_label >= 0 && bond_label < (1 << 8) && atom_label >= 0 && atom_label < (1 << 16);
-}
-
-// The key of the step that joins an atom labelled atom_label by a bond
-// labelled bond_label to the smaller form's position pos.
-std::uint32_t step_key(int pos, int bond_label, int atom_label) {
-  return static_cast<std::uint32_t>(pos) << 24 | static_cast<std::uint32_t>(bond_label) << 16 |
-         static_cast<std::uint32_t>(atom_label);
-}
 
 // The canonical position of a compound atom in a set's row.
 int position_in(const int* row, int atom) {
@@ -38,153 +18,47 @@ int position_in(const int* row, int atom) {
   return pos;
 }
 
-// Every bit of the key reaches the low bits the small tables use.
-std::size_t step_home(std::uint32_t key, std::uint32_t mask) {
-  std::uint32_t h = (key ^ (key >> 16)) * 0x45d9f3bu;
-  h ^= h >> 16;
-  return h & mask;
-}
-
 }  // namespace
 
 FragmentCounter::FragmentCounter(int lmin, int lmax, int opt, FormStore* store, std::size_t memo_limit)
-    : lmin_(lmin), lmax_(lmax), opt_(opt), store_(store), max_pool_(MAX_POOL),
-      max_labelled_bytes_(MAX_LABELLED_BYTES) {
-  // Half the bound for the step pool, whose last doubling holds the old and
-  // the new copy at once; a power of two times the first reservation, so
-  // that the pool's room stops exactly at its bound.
-  if (memo_limit > 0) {
-    std::size_t pool = std::size_t{1} << 16;
-    while (2 * pool * sizeof(StepBucket) <= memo_limit / 2 && 2 * pool <= MAX_POOL) pool *= 2;
-    max_pool_ = pool;
-    max_labelled_bytes_ = std::min(MAX_LABELLED_BYTES, memo_limit / 4);
-  }
+    : lmin_(lmin), lmax_(lmax), opt_(opt), store_(store), memo_(memo_limit) {
   if (store_ == nullptr) {
     own_store_ = std::make_unique<FormStore>();
     store_ = own_store_.get();
   }
-  // Room for the steps of a thousand compounds or so, which spares the first
-  // copies of doubling. Unused room still counts against an address-space
-  // limit (ulimit -v), so it stays small: larger sets pay a handful of
-  // doublings, which the benchmark does not notice.
-  memo_.pool.reserve(std::size_t{1} << 16);
-}
-
-void FragmentCounter::forget() {
-  FragmentMemo& m = memo_;
-  std::fill(m.hot.begin(), m.hot.end(), FormHot{});
-  std::fill(m.steps_used.begin(), m.steps_used.end(), 0);
-  m.pool.clear();
-  for (auto& tables : m.free_tables) tables.clear();
-  m.long_moves.clear();
-  m.first_bonds.clear();
-  m.orders.clear();
-  m.labelled.clear();
-  m.labelled_bytes = 0;
-  memo_full_ = false;
 }
 
 // The per-form arrays reach form f: the store numbers forms for every
 // counter sharing it, so this counter meets indices in no particular order.
-void FragmentCounter::know(int f) {
-  FragmentMemo& m = memo_;
-  if (f < static_cast<int>(m.hot.size())) return;
-  // Room for the forms the store has now and a quarter more: the store
-  // grows with every counter's forms, this counter meets most of them.
+void FragmentCounter::reach_form(int f) {
+  if (f < static_cast<int>(last_compound_.size())) return;
+  // Room for the forms the store has now, a quarter more and a thousand
+  // besides: the store grows with every counter's forms, this counter meets
+  // most of them.
   const std::size_t size =
       std::max<std::size_t>(static_cast<std::size_t>(f) + 1, static_cast<std::size_t>(store_->size()) * 5 / 4 + 1024);
-  // hot last: its size says how far all four reach, should one fail.
-  m.steps_used.resize(size, 0);
-  m.last_compound.resize(size, -1);
-  m.last_position.resize(size, 0);
-  m.hot.resize(size);
+  memo_.reach(size);
+  // last_compound_ last: its size says how far all the arrays reach, should
+  // one fail.
+  last_position_.resize(size, 0);
+  last_compound_.resize(size, -1);
 }
 
 int FragmentCounter::find_or_add_form(const GraphView& g) {
   const int f = store_->find_or_add(g);
-  know(f);
+  reach_form(f);
   return f;
 }
 
-const StepBucket* FragmentCounter::find_step(int form, std::uint32_t key) const {
-  const FormHot& hot = memo_.hot[form];
-  if (hot.steps < 0) return nullptr;
-  key |= STEP_USED;
-  const StepBucket* table = &memo_.pool[hot.steps];
-  for (std::size_t b = step_home(key, hot.mask);; b = (b + 1) & hot.mask) {
-    if (table[b].key == key) return &table[b];
-    if (table[b].key == 0) return nullptr;
-  }
-}
-
-const std::uint8_t* FragmentCounter::moves_of(const StepBucket& s, int atoms) const {
-  if (atoms <= INLINE_MOVES) return s.moves;
-  std::uint32_t at;
-  std::memcpy(&at, s.moves, sizeof at);
-  return &memo_.long_moves[at];
-}
-
-void FragmentCounter::add_step(int form, std::uint32_t key, int grown, const std::uint8_t* moves, int nmoves) {
-  TAVRIX_CHECK(nmoves <= MAX_GROWN_VERTICES);
-  FragmentMemo& m = memo_;
-  FormHot& hot = m.hot[form];
-  // Tables stay at most three quarters full.
-  std::uint32_t& used = m.steps_used[form];
-  if (hot.steps < 0 || 4 * (used + 1) > 3 * (hot.mask + 1)) {
-    const std::uint32_t size = hot.steps < 0 ? 4 : 2 * (hot.mask + 1);
-    const int size_class = std::countr_zero(size);
-    if (static_cast<int>(m.free_tables.size()) <= size_class) m.free_tables.resize(size_class + 1);
-    std::size_t start;
-    if (!m.free_tables[size_class].empty()) {
-      start = m.free_tables[size_class].back();
-      m.free_tables[size_class].pop_back();
-    } else {
-      if (m.pool.size() + size > max_pool_) {
-        memo_full_ = true;
-        return;
-      }
-      start = m.pool.size();
-      m.pool.resize(start + size);
-    }
-    if (hot.steps >= 0) {
-      for (std::uint32_t k = 0; k <= hot.mask; ++k) {
-        StepBucket& moved = m.pool[hot.steps + k];
-        if (moved.key == 0) continue;
-        std::size_t b = step_home(moved.key, size - 1);
-        while (m.pool[start + b].key != 0) b = (b + 1) & (size - 1);
-        m.pool[start + b] = moved;
-        moved = StepBucket{};
-      }
-      m.free_tables[std::countr_zero(hot.mask + 1)].push_back(static_cast<std::uint32_t>(hot.steps));
-    }
-    hot.steps = static_cast<std::int32_t>(start);
-    hot.mask = size - 1;
-  }
-  key |= STEP_USED;
-  std::size_t b = step_home(key, hot.mask);
-  while (m.pool[hot.steps + b].key != 0) b = (b + 1) & hot.mask;
-  StepBucket& bucket = m.pool[hot.steps + b];
-  bucket.key = key;
-  bucket.form = grown;
-  if (nmoves <= INLINE_MOVES) {
-    std::copy(moves, moves + nmoves, bucket.moves);
-  } else {
-    const auto at = static_cast<std::uint32_t>(m.long_moves.size());
-    m.long_moves.insert(m.long_moves.end(), moves, moves + nmoves);
-    std::memcpy(bucket.moves, &at, sizeof at);
-  }
-  ++used;
-}
-
 void FragmentCounter::count_compound(const Graph& compound, int compid, std::vector<FormCount>& entries) {
-  g_ = &compound;
+  compound_ = &compound;
   compid_ = compid;
-  build_slot_table(compound, t_);
-  const long long bonds = static_cast<long long>(t_.slot.size());
+  build_slot_table(compound, slots_);
+  const long long bonds = static_cast<long long>(slots_.slot.size());
   first_ = std::max(lmin_, 1);
   maxdepth_ = static_cast<int>(std::min<long long>(lmax_, bonds));
   if (maxdepth_ < first_) return;
-  const int words = t_.words;
+  const int words = slots_.words;
   all_.assign(words, ~std::uint64_t{0});
   if (bonds % 64 != 0) all_[words - 1] = (std::uint64_t{1} << (bonds % 64)) - 1;
   frontier_.assign(static_cast<std::size_t>(maxdepth_ + 1) * words, 0);
@@ -193,10 +67,10 @@ void FragmentCounter::count_compound(const Graph& compound, int compid, std::vec
   marked_.assign(compound.vs, 0);
   set_.edge.resize(maxdepth_);
   set_.size = 0;
-  width_ = maxdepth_ + 1;
-  form_.assign(width_, -1);
-  grown_.assign(width_, 0);
-  at_.assign(static_cast<std::size_t>(width_) * width_, 0);
+  max_atoms_ = maxdepth_ + 1;
+  form_.assign(max_atoms_, -1);
+  stable_.assign(max_atoms_, 0);
+  canonical_atoms_.assign(static_cast<std::size_t>(max_atoms_) * max_atoms_, 0);
   if (static_cast<int>(by_length_.size()) <= maxdepth_) by_length_.resize(maxdepth_ + 1);
   for (int k = first_; k <= maxdepth_; ++k) by_length_[k].clear();
   visit(0);
@@ -208,11 +82,11 @@ void FragmentCounter::count_compound(const Graph& compound, int compid, std::vec
 // excluded for the rest of this set's candidates and everything below them,
 // as the include/exclude search decides it.
 void FragmentCounter::visit(int n) {
-  const int words = t_.words;
+  const int words = slots_.words;
   std::uint64_t* saved = &saved_[static_cast<std::size_t>(n) * words];
   std::copy(excluded_.begin(), excluded_.end(), saved);
   const std::uint64_t* candidates = n == 0 ? all_.data() : &frontier_[static_cast<std::size_t>(n) * words];
-  if (n + 1 == maxdepth_ && n >= 1 && grown_[n] && n + 2 <= MAX_GROWN_VERTICES) {
+  if (n + 1 == maxdepth_ && n >= 1 && stable_[n] && n + 2 <= MAX_GROWN_VERTICES) {
     count_leaves(n, candidates);
     return;
   }
@@ -236,18 +110,18 @@ void FragmentCounter::visit(int n) {
 // grows from them, so deciding them in turn is just looking each one's step
 // up and counting it (no row, no frontier, no exclusion seen by anyone).
 void FragmentCounter::count_leaves(int n, const std::uint64_t* candidates) {
-  const int* parent = row(n);
-  const int* vl = g_->vl.data();
+  const int* parent = canonical_atoms(n);
+  const int* vl = compound_->vl.data();
   const bool counted = n + 1 >= first_;
-  for (int w = 0; w < t_.words; ++w) {
+  for (int w = 0; w < slots_.words; ++w) {
     for (std::uint64_t live = candidates[w] & ~excluded_[w]; live != 0; live &= live - 1) {
       const int s = w * 64 + std::countr_zero(live);
-      const int a = t_.slot[s].first - 1, b = t_.slot[s].second - 1;
+      const int a = slots_.slot[s].first - 1, b = slots_.slot[s].second - 1;
       const int inside = marked_[a] ? a : b, outside = marked_[a] ? b : a;
-      const int label = t_.label[s];
+      const int label = slots_.label[s];
       const StepBucket* step = nullptr;
       if (step_labels_fit(label, vl[outside]))
-        step = find_step(form_[n], step_key(position_in(parent, inside), label, vl[outside]));
+        step = memo_.find_step(form_[n], step_key(position_in(parent, inside), label, vl[outside]));
       if (step != nullptr && step->form >= 0) {
         form_[n + 1] = step->form;
         if (counted) record(n + 1);
@@ -259,14 +133,14 @@ void FragmentCounter::count_leaves(int n, const std::uint64_t* candidates) {
 }
 
 void FragmentCounter::include(int n, int s) {
-  const auto [a1, b1] = t_.slot[s];
+  const auto [a1, b1] = slots_.slot[s];
   const int a = a1 - 1, b = b1 - 1;
   set_.edge[n] = {a1, b1};
   set_.size = n + 1;
-  grow(n + 1, a, b, t_.label[s]);
+  grow(n + 1, a, b, slots_.label[s]);
   if (n + 1 >= first_) record(n + 1);
   if (n + 1 == maxdepth_) return;
-  const int words = t_.words;
+  const int words = slots_.words;
   std::uint64_t* next = &frontier_[static_cast<std::size_t>(n + 1) * words];
   const std::uint64_t* cur = &frontier_[static_cast<std::size_t>(n) * words];
   for (int w = 0; w < words; ++w) next[w] = n == 0 ? 0 : cur[w];
@@ -276,7 +150,7 @@ void FragmentCounter::include(int n, int s) {
     if (!marked_[x]) {
       marked_[x] = 1;
       added[nadded++] = x;
-      const std::uint64_t* inc = &t_.incident[static_cast<std::size_t>(x) * words];
+      const std::uint64_t* inc = &slots_.incident[static_cast<std::size_t>(x) * words];
       for (int w = 0; w < words; ++w) next[w] ^= inc[w];
     }
   }
@@ -294,11 +168,11 @@ void FragmentCounter::record(int n) {
   ++fragments_;
   longest_ = std::max(longest_, n);
   std::vector<FormCount>& list = by_length_[n];
-  if (memo_.last_compound[f] == compid_) {
-    ++list[memo_.last_position[f]].count;
+  if (last_compound_[f] == compid_) {
+    ++list[last_position_[f]].count;
   } else {
-    memo_.last_compound[f] = compid_;
-    memo_.last_position[f] = static_cast<int>(list.size());
+    last_compound_[f] = compid_;
+    last_position_[f] = static_cast<int>(list.size());
     list.push_back(FormCount{f, 1});
   }
 }
@@ -306,65 +180,58 @@ void FragmentCounter::record(int n) {
 // The form (and, when stable, the canonical row) of the set of n bonds whose
 // last bond (a, b) with the given label has just joined it.
 void FragmentCounter::grow(int n, int a, int b, int label) {
-  const Graph& g = *g_;
-  int* child = row(n);
+  const Graph& g = *compound_;
+  int* child = canonical_atoms(n);
   if (n == 1) {
-    // A first bond: its graph is fixed by the labels, lower atom first.
-    const bool fits = g.vl[a] >= 0 && g.vl[a] < (1 << 16) && g.vl[b] >= 0 && g.vl[b] < (1 << 16) && label >= 0 &&
-                      label < (1 << 16);
-    const std::uint64_t key = static_cast<std::uint64_t>(g.vl[a]) << 32 | static_cast<std::uint64_t>(g.vl[b]) << 16 |
-                              static_cast<std::uint64_t>(label);
-    if (fits) {
-      if (auto it = memo_.first_bonds.find(key); it != memo_.first_bonds.end()) {
-        const StepBucket& s = it->second;
-        form_[1] = s.form;
-        grown_[1] = 1;
-        child[s.moves[0]] = a;
-        child[1 - s.moves[0]] = b;
-        return;
-      }
+    // A first bond: its graph is fixed by the labels, lower-numbered atom
+    // (a) first.
+    if (!first_bond_labels_fit(g.vl[a], g.vl[b], label)) {
+      recall_or_label_set(1);
+      return;
     }
-    label_exactly(1, !fits);
-    if (fits && grown_[1]) {
-      StepBucket s;
-      s.form = form_[1];
-      s.moves[0] = child[0] == a ? 0 : 1;
-      memo_.first_bonds.emplace(key, s);
+    const std::uint64_t key = first_bond_key(g.vl[a], g.vl[b], label);
+    if (const StepBucket* s = memo_.find_first_bond(key)) {
+      form_[1] = s->form;
+      stable_[1] = 1;
+      child[s->moves[0]] = a;
+      child[1 - s->moves[0]] = b;
+      return;
     }
+    label_set(1);
+    if (stable_[1]) memo_.add_first_bond(key, form_[1], child[0] == a ? 0 : 1);
     return;
   }
   const bool a_inside = marked_[a] != 0;
   const int inside = a_inside ? a : b, outside = a_inside ? b : a;
-  const int* parent = row(n - 1);
-  const bool fits = grown_[n - 1] && n + 1 <= MAX_GROWN_VERTICES && step_labels_fit(label, g.vl[outside]);
-  if (!fits) {
+  const int* parent = canonical_atoms(n - 1);
+  if (!stable_[n - 1] || n + 1 > MAX_GROWN_VERTICES || !step_labels_fit(label, g.vl[outside])) {
     // Off the grown path: remembered by the whole fragment graph.
-    label_exactly(n, true);
+    recall_or_label_set(n);
     return;
   }
   const int pos = position_in(parent, inside);
   const std::uint32_t key = step_key(pos, label, g.vl[outside]);
-  if (const StepBucket* s = find_step(form_[n - 1], key)) {
+  if (const StepBucket* s = memo_.find_step(form_[n - 1], key)) {
     if (s->form >= 0) {
       form_[n] = s->form;
-      grown_[n] = 1;
+      stable_[n] = 1;
       // The rows of the largest sets are never read: nothing grows from them.
       if (n < maxdepth_) {
-        const std::uint8_t* moves = moves_of(*s, n + 1);
+        const std::uint8_t* moves = memo_.moves_of(*s, n + 1);
         for (int k = 0; k < n; ++k) child[moves[1 + k]] = parent[k];
         child[moves[0]] = outside;
       }
       return;
     }
-    label_exactly(n, true);  // known not to be stable: label the set itself
+    recall_or_label_set(n);  // known not to be stable: label the set itself
     return;
   }
   std::uint8_t moves[MAX_GROWN_VERTICES + 1];
   if (label_grown(n, pos, outside, label, moves)) {
-    add_step(form_[n - 1], key, form_[n], moves, n + 1);
+    memo_.add_step(form_[n - 1], key, form_[n], moves, n + 1);
   } else {
-    label_exactly(n, true);
-    add_step(form_[n - 1], key, -1, moves, 0);
+    recall_or_label_set(n);
+    memo_.add_step(form_[n - 1], key, -1, moves, 0);
   }
 }
 
@@ -387,7 +254,7 @@ bool FragmentCounter::label_grown(int n, int pos, int outside, int label, std::u
       sg.adj[u][w] = parent_form.el[first + j] + 1;
     }
   }
-  sg.label[n] = g_->vl[outside];
+  sg.label[n] = compound_->vl[outside];
   sg.adj[pos][n] = sg.adj[n][pos] = label + 1;
   sg.nb[pos][sg.deg[pos]++] = n;
   sg.deg[n] = 1;
@@ -423,9 +290,9 @@ bool FragmentCounter::label_grown(int n, int pos, int outside, int label, std::u
   }
   TAVRIX_CHECK(entries == c.es);
   form_[n] = find_or_add_form(view_of(c));
-  grown_[n] = 1;
-  const int* parent = row(n - 1);
-  int* child = row(n);
+  stable_[n] = 1;
+  const int* parent = canonical_atoms(n - 1);
+  int* child = canonical_atoms(n);
   for (int k = 0; k <= n; ++k) {
     if (order[k] == n) {
       child[k] = outside;
@@ -438,48 +305,41 @@ bool FragmentCounter::label_grown(int n, int pos, int outside, int label, std::u
   return true;
 }
 
-// The form of the set of n bonds from its own fragment graph: looked up by
-// that graph (labelling is a pure function of it), else labelled.
-void FragmentCounter::label_exactly(int n, bool remember) {
-  fill_fragment_graph(set_, *g_, fragment_, vertices_);
-  int* child = row(n);
-  if (!remember) {
-    label_graph(n, child);
-    return;
-  }
-  key_.clear();
-  key_.push_back(fragment_.vs);
-  key_.insert(key_.end(), fragment_.vl.begin(), fragment_.vl.end());
-  key_.insert(key_.end(), fragment_.e.begin(), fragment_.e.end());
-  key_.insert(key_.end(), fragment_.el.begin(), fragment_.el.end());
-  bytes_.assign(reinterpret_cast<const char*>(key_.data()), key_.size() * sizeof(int));
-  if (auto it = memo_.labelled.find(bytes_); it != memo_.labelled.end()) {
-    form_[n] = it->second.form;
-    grown_[n] = it->second.order >= 0;
-    if (grown_[n])
-      for (int k = 0; k < fragment_.vs; ++k) child[k] = vertices_[memo_.orders[it->second.order + k]];
-    return;
-  }
-  label_graph(n, child);
-  if (memo_.labelled_bytes + bytes_.size() > max_labelled_bytes_) {
-    memo_full_ = true;
-    return;
-  }
-  int order = -1;
-  if (grown_[n]) {
-    order = static_cast<int>(memo_.orders.size());
-    for (int k = 0; k < fragment_.vs; ++k) memo_.orders.push_back(static_cast<std::uint8_t>(fragment_.vid[k]));
-  }
-  memo_.labelled_bytes += bytes_.size() + fragment_.vs;
-  memo_.labelled.emplace(bytes_, LabelledGraph{form_[n], order});
+// The form of the set of n bonds from its own fragment graph, labelled.
+void FragmentCounter::label_set(int n) {
+  fill_fragment_graph(set_, *compound_, fragment_, vertices_);
+  label_fragment(n);
 }
 
-// Labels the fragment graph built for the set of n bonds and sets its form.
-void FragmentCounter::label_graph(int n, int* child) {
+// The form of the set of n bonds from its own fragment graph: looked up
+// among the graphs labelled before (labelling is a pure function of the
+// graph), else labelled and remembered.
+void FragmentCounter::recall_or_label_set(int n) {
+  fill_fragment_graph(set_, *compound_, fragment_, vertices_);
+  labelled_graph_key(fragment_, key_, bytes_);
+  if (const LabelledGraph* known = memo_.find_labelled(bytes_)) {
+    form_[n] = known->form;
+    stable_[n] = known->order >= 0;
+    if (stable_[n]) {
+      const std::uint8_t* order = memo_.order_of(*known);
+      int* child = canonical_atoms(n);
+      for (int k = 0; k < fragment_.vs; ++k) child[k] = vertices_[order[k]];
+    }
+    return;
+  }
+  label_fragment(n);
+  memo_.remember_labelled(bytes_, form_[n], stable_[n] ? fragment_.vid.data() : nullptr, fragment_.vs);
+}
+
+// Labels fragment_, the graph of the set of n bonds, and sets the set's form
+// and, when stable, its row.
+void FragmentCounter::label_fragment(int n) {
   const bool stable = fragment_.vs <= MAX_GROWN_VERTICES && canonical_label_fast(fragment_);
   if (!stable) canonical_label(fragment_);
   form_[n] = find_or_add_form(view_of(fragment_));
-  grown_[n] = stable;
-  if (stable)
+  stable_[n] = stable;
+  if (stable) {
+    int* child = canonical_atoms(n);
     for (int k = 0; k < fragment_.vs; ++k) child[k] = vertices_[fragment_.vid[k]];
+  }
 }

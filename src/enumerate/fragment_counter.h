@@ -9,6 +9,10 @@
 // first occurrence with their counts. Numbering a length afterwards, compound
 // by compound in that order (src/count), issues ids, support and slots
 // exactly as inserting every fragment into the table one by one does.
+//
+// A counter searches one compound at a time; what it learns about forms
+// across compounds lies in its StepMemo (step_memo.h) and in the FormStore
+// (form_store.h) it may share with counters on other threads.
 #pragma once
 
 #include <memory>
@@ -16,7 +20,7 @@
 
 #include "canon/canon.h"
 #include "enumerate/form_store.h"
-#include "enumerate/fragment_memo.h"
+#include "enumerate/step_memo.h"
 #include "enumerate/tree_freq.h"
 #include "graph/graph.h"
 #include "table/table.h"
@@ -33,7 +37,7 @@ class FragmentCounter {
   // type code: 1 every fragment, 2 those with an atom of three or more of
   // their bonds, 3 the others. Forms go to `store`, which counters on other
   // threads may share; without one the counter keeps a store of its own.
-  // memo_limit bounds the bytes of the memo (0: the counter's own bounds);
+  // memo_limit bounds the bytes of the memo (0: the memo's own bounds);
   // once it is reached nothing new is remembered and memo_full() says so.
   FragmentCounter(int lmin, int lmax, int opt, FormStore* store = nullptr, std::size_t memo_limit = 0);
 
@@ -51,53 +55,60 @@ class FragmentCounter {
   const FormStore& store() const { return *store_; }
   // The memo refused to remember something for want of room: a caller that
   // bounds memory has it forget.
-  bool memo_full() const { return memo_full_; }
+  bool memo_full() const { return memo_.full(); }
   // Forgets every step and labelled graph, keeping the room they took: a
   // fresh memo in the same memory, so that memory does not fragment across
   // generations of memos.
-  void forget();
+  void forget() { memo_.forget(); }
+
  private:
   void visit(int n);
   void include(int n, int s);
   void count_leaves(int n, const std::uint64_t* candidates);
   void grow(int n, int a, int b, int label);
   void record(int n);
-  const StepBucket* find_step(int form, std::uint32_t key) const;
-  const std::uint8_t* moves_of(const StepBucket& s, int atoms) const;
-  void add_step(int form, std::uint32_t key, int grown, const std::uint8_t* moves, int nmoves);
   bool label_grown(int n, int pos, int outside, int label, std::uint8_t* moves);
-  void label_exactly(int n, bool remember);
-  void label_graph(int n, int* child);
+  void label_set(int n);
+  void recall_or_label_set(int n);
+  void label_fragment(int n);
   int find_or_add_form(const GraphView& g);
-  void know(int f);
-  int* row(int n) { return &at_[static_cast<std::size_t>(n) * width_]; }
+  void reach_form(int f);
+  // The compound atom at each canonical position of the set of n bonds.
+  int* canonical_atoms(int n) { return &canonical_atoms_[static_cast<std::size_t>(n) * max_atoms_]; }
 
   int lmin_, lmax_, opt_;
   std::unique_ptr<FormStore> own_store_;
   FormStore* store_;
-  FragmentMemo memo_;
-  std::size_t max_pool_;            // step buckets
-  std::size_t max_labelled_bytes_;
-  bool memo_full_ = false;
+  StepMemo memo_;
   long long fragments_ = 0;
   int longest_ = 0;
 
+  // Per form, apart so that the check made for every set counted reads 4
+  // bytes: the compound the form was last counted in, and the position of its
+  // entry in that compound's list of the form's length.
+  std::vector<int> last_compound_;
+  std::vector<int> last_position_;
+
   // The compound being searched.
-  const Graph* g_ = nullptr;
+  const Graph* compound_ = nullptr;
   int compid_ = 0;
   int first_ = 1;     // shortest length counted
   int maxdepth_ = 0;  // longest length searched
-  SlotTable t_;
+  SlotTable slots_;
   std::vector<std::uint64_t> all_;       // every slot
   std::vector<std::uint64_t> frontier_;  // per size: bonds with one end in the set
   std::vector<std::uint64_t> excluded_;  // bonds decided against on this path
   std::vector<std::uint64_t> saved_;     // per size: excluded_ when its set was reached
   std::vector<char> marked_;             // atoms of the set
   EdgeSet set_;                          // bonds of the set in order of choice
-  int width_ = 0;
-  std::vector<int> form_;    // form of the set of each size on the path
-  std::vector<char> grown_;  // its form is stable and its row of at_ is valid
-  std::vector<int> at_;      // per size: compound atom (0-based) at each canonical position
+  std::vector<int> form_;                // per size: form of the set on the path
+  // Per size: the set's form is stable, and its row of canonical_atoms_ is
+  // filled (but for the longest sets, from which nothing grows).
+  std::vector<char> stable_;
+  // Per size, a row of max_atoms_: the compound atom (0-based) at each
+  // canonical position of the set.
+  std::vector<int> canonical_atoms_;
+  int max_atoms_ = 0;  // atoms of the largest set searched
   std::vector<std::vector<FormCount>> by_length_;
 
   // Scratch of labelling.
