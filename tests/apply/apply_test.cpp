@@ -24,11 +24,6 @@ using namespace testsupport;
 
 const std::string golden_dir = std::string(TAVRIX_TEST_DATA) + "/golden";
 
-RunResult run_apply(const std::vector<std::string>& args, const std::string& cwd,
-                    const std::vector<std::string>& env = {}) {
-  return run_program(TAVRIX_APPLY_BINARY, args, cwd, env);
-}
-
 // The files of a folder with their contents.
 std::map<std::string, std::string> files_in(const std::string& dir) {
   std::map<std::string, std::string> files;
@@ -171,7 +166,7 @@ TEST(apply, reproduces_the_descriptor_file_of_every_reviewed_run) {
         const std::string what = run.name + (text == space ? "" : " with atoms renumbered") +
                                  ", TAVRIX_THREADS=" + threads;
         write_file(work + "/space_frag.sdf", text);
-        const RunResult r = run_apply(apply_args, work, {"TAVRIX_THREADS=" + threads});
+        const RunResult r = run_program(TAVRIX_APPLY_BINARY, apply_args, work, {"TAVRIX_THREADS=" + threads});
         EXPECT_EQ(r.status, 0) << what << ": " << r.err;
         EXPECT_EQ(r.err, "") << what;
         EXPECT_TRUE(read_file(work + "/applied.out") == expected)
@@ -198,7 +193,8 @@ TEST(apply, carries_a_run_over_to_part_of_its_compounds_exactly) {
   std::mt19937 rng(seed);
   const std::string work = make_temp_dir();
   for (int round = 0; round < 16; ++round) {
-    const std::string file = std::vector<std::string>{"nci200.sdf", "cdk2.sdf", "cdk2.mol2", "symmetric_h.sdf"}[rng() % 4];
+    const std::string file =
+        std::vector<std::string>{"nci200.sdf", "cdk2.sdf", "cdk2.mol2", "symmetric_h.sdf"}[rng() % 4];
     const std::string ext = file.substr(file.find('.'));
     const std::vector<Record> pool = records_of(unxz(golden_dir + "/inputs/" + file + ".xz"), ext == ".mol2");
     std::vector<Record> a(1 + rng() % 10), b(1 + rng() % 10);
@@ -218,19 +214,20 @@ TEST(apply, carries_a_run_over_to_part_of_its_compounds_exactly) {
     args.push_back("ab" + ext);
     std::string run = "seed " + std::to_string(seed) + ", round " + std::to_string(round) + ": Tavrix";
     for (const std::string& w : args) run += " " + w;
-    SCOPED_TRACE(run + " (" + std::to_string(a.size()) + " + " + std::to_string(b.size()) + " records of " + file + ")");
+    SCOPED_TRACE(run + " (" + std::to_string(a.size()) + " + " + std::to_string(b.size()) + " records of " + file +
+                 ")");
     ASSERT_EQ(run_tavrix(args, work).status, 1);
     const std::vector<std::string> whole = lines_of(read_file(work + "/ab.out"));
     ASSERT_EQ(whole.size(), a.size() + b.size());
 
     switches.insert(switches.end(), {"-ofile", "applied", "ab_frag.sdf", "b" + ext});
-    ASSERT_EQ(run_apply(switches, work).status, 0);
+    ASSERT_EQ(run_program(TAVRIX_APPLY_BINARY, switches, work).status, 0);
     const std::vector<std::string> lines_b = lines_of(read_file(work + "/applied.out"));
     ASSERT_EQ(lines_b.size(), b.size());
     for (std::size_t i = 0; i < b.size(); ++i)  // a record without a name is named by its position, which differs
       EXPECT_EQ(without_name(lines_b[i]), without_name(whole[a.size() + i])) << "compound " << i + 1 << " of B";
     switches.back() = "ab" + ext;
-    ASSERT_EQ(run_apply(switches, work).status, 0);
+    ASSERT_EQ(run_program(TAVRIX_APPLY_BINARY, switches, work).status, 0);
     EXPECT_TRUE(read_file(work + "/applied.out") == read_file(work + "/ab.out")) << "applied to A+B";
     if (HasFailure()) break;
   }
@@ -300,7 +297,7 @@ TEST(apply, refuses_what_it_cannot_use_with_one_message_and_no_file) {
     if (c.space != "-") write_file(work + "/space_frag.sdf", c.space);
     if (c.input != "-") write_file(work + "/" + c.input_name, c.input);
     const std::map<std::string, std::string> before = files_in(work);
-    const RunResult r = run_apply(c.args, work, c.env);
+    const RunResult r = run_program(TAVRIX_APPLY_BINARY, c.args, work, c.env);
     EXPECT_EQ(r.status, c.status) << c.what;
     EXPECT_EQ(r.err.substr(0, r.err.find('\n') + 1), c.err) << c.what;
     EXPECT_EQ(r.out, "") << c.what;
@@ -313,7 +310,7 @@ TEST(apply, empty_structure_file_is_an_empty_space) {
   const std::string work = make_temp_dir();
   write_file(work + "/space_frag.sdf", "");
   write_file(work + "/in.sdf", INPUT + INPUT);
-  const RunResult r = run_apply({"space_frag.sdf", "in.sdf"}, work);
+  const RunResult r = run_program(TAVRIX_APPLY_BINARY, {"space_frag.sdf", "in.sdf"}, work);
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(read_file(work + "/in.out"), "\"methane\",0\n\"methane\",0\n");
   EXPECT_NE(r.out.find("compounds read: 2\ndescriptors in the space: 0\n"), std::string::npos) << r.out;

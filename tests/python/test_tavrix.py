@@ -17,7 +17,6 @@ import unittest
 
 import numpy as np
 import scipy.io
-import scipy.sparse
 
 import tavrix
 
@@ -37,17 +36,12 @@ def read_xz(path):
     return lzma.decompress(pathlib.Path(path).read_bytes()).decode("utf-8", "surrogateescape")
 
 
-def parse_out(text, columns):
-    """The matrix of a descriptor file: name in quotes, m, then m (descriptor, count) pairs."""
-    rows, cols, values = [], [], []
-    lines = text.split("\n")[:-1]
-    for i, line in enumerate(lines):
-        fields = line[line.rindex('",') + 2:].split(",")
-        pairs = [int(x) for x in fields[1:]]
-        rows += [i] * (len(pairs) // 2)
-        cols += [d - 1 for d in pairs[0::2]]
-        values += pairs[1::2]
-    return scipy.sparse.csr_matrix((values, (rows, cols)), shape=(len(lines), columns), dtype=np.int32)
+def golden_matrix(case):
+    """The count matrix of a golden run's descriptor file, as tavrix-matrix writes it and SciPy reads it."""
+    with tempfile.TemporaryDirectory() as folder:
+        (pathlib.Path(folder) / "run.out").write_bytes(lzma.decompress(next(case.glob("*.out.xz")).read_bytes()))
+        subprocess.run([BUILD / "tavrix-matrix", "run.out"], cwd=folder, check=True)
+        return scipy.io.mmread(pathlib.Path(folder) / "run.mtx").tocsr().astype(np.int32)
 
 
 def golden_parameters(command):
@@ -105,15 +99,9 @@ class GoldenRuns(unittest.TestCase):
                 f = tavrix.FragmentDescriptors(**params, n_jobs=fit_jobs)
                 X = f.fit_transform(inputs / name)  # pathlib.Path; Mol2 by the name
                 self.assertEqual("".join(f.structures_), structures)
-                out = next(case.glob("*.out.xz"))
-                want = parse_out(read_xz(out), len(f.structures_))
-                assert_same(self, X, want, f"fit_transform of {case.name}")
-                with tempfile.TemporaryDirectory() as folder:
-                    # tavrix-matrix on the run's descriptor file, as SciPy reads it: the same matrix.
-                    (pathlib.Path(folder) / "run.out").write_bytes(lzma.decompress(out.read_bytes()))
-                    subprocess.run([BUILD / "tavrix-matrix", "run.out"], cwd=folder, check=True)
-                    M = scipy.io.mmread(pathlib.Path(folder) / "run.mtx").tocsr().astype(np.int32)
-                    assert_same(self, M, want, f"tavrix-matrix on the descriptor file of {case.name}")
+                # Every descriptor occurs in the run's compounds: the matrix has a column for each.
+                want = golden_matrix(case)
+                assert_same(self, X, want, f"fit_transform of {case.name} against its descriptor file")
                 f.set_params(n_jobs=transform_jobs)
                 assert_same(self, f.transform(str(inputs / name)), want, f"transform of {case.name}")
                 names = f.get_feature_names_out()
@@ -235,7 +223,8 @@ class Estimator(unittest.TestCase):
         want = {key: call() for key, call in calls.items()}
         for attempt in range(3):
             got = {}
-            threads = [threading.Thread(target=lambda k=key, c=call: got.update({k: c()})) for key, call in calls.items()]
+            threads = [threading.Thread(target=lambda k=key, c=call: got.update({k: c()}))
+                       for key, call in calls.items()]
             for t in threads:
                 t.start()
             for t in threads:
