@@ -286,6 +286,8 @@ TEST(apply, refuses_what_it_cannot_use_with_one_message_and_no_file) {
       {"output over the input", CC, "\"methane\",1,1,1\n", {"-ofile", "run", "space_frag.sdf", "run.out"}, 1,
        "run.out: is a file being read; choose another -ofile STEM\n", {}, "run.out"},
       {"one file only", CC, INPUT, {"in.sdf"}, 2, "tavrix-apply: a structure file and an input file are needed\n"},
+      {"input name without a '.'", CC, INPUT, {"space_frag.sdf", "in"}, 2,
+       "tavrix-apply: the input file name has no '.': name it .sdf (SD) or .mol2 (Mol2)\n", {}, "in"},
       {"unknown option", CC, INPUT, {"-x", "space_frag.sdf", "in.sdf"}, 2, "tavrix-apply: unknown option -x\n"},
       {"option after the files without its value", CC, INPUT, {"space_frag.sdf", "in.sdf", "-ofile"}, 2,
        "tavrix-apply: -ofile needs a value\n"},
