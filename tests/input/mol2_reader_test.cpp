@@ -127,6 +127,11 @@ TEST(mol2_reader, refuses_malformed_molecules_naming_them) {
     SCOPED_TRACE(c.file);
     EXPECT_INPUT_REFUSED(scratch.put(c.file, data(c.file)), c.flags, c.output);
   }
+  // A bond whose two atoms are both missing names the lower atom number.
+  std::string both = data("bond_to_atom_zero.mol2");
+  both.replace(both.find("0     2    1"), 12, "3     0    1");
+  EXPECT_INPUT_REFUSED(scratch.put("both.mol2", both), MOL2,
+                       "total compounds = 1\ngraph lookup vid : can't find a vid in a graph -1\n");
   // The long type itself is fine when types are kept whole.
   EXPECT_EQ(load(scratch.put("long.mol2", data("long_basic_type.mol2")), MOL2).input.dictionary.vertex_labels.count, 2u);
 }
