@@ -87,6 +87,19 @@ TEST(threads, random_compound_sets_give_one_threads_output) {
   remove_tree(dir);
 }
 
+// Records and descriptor lines are formatted on the threads a window at a
+// time: 5000 compounds and 20479 descriptors of one length fill several
+// windows of each, which must join in order.
+TEST(threads, output_formatted_in_windows_joins_in_order) {
+  const std::string dir = make_temp_dir();
+  write_file(dir + "/nci5k.sdf", unxz(std::string(TAVRIX_TEST_DATA) + "/../../bench/data/nci5k.sdf.xz"));
+  const std::vector<std::string> args = {"-lmin", "6", "-lmax", "6", "-ofile", "run", "nci5k.sdf"};
+  const Outcome one = run_with(args, dir, {"TAVRIX_THREADS=1"});
+  ASSERT_NE(one.result.out.find("value of k = 20479\n"), std::string::npos) << one.result.out;
+  for (const auto& env : several) expect_same(one, run_with(args, dir, env), env[0]);
+  remove_tree(dir);
+}
+
 TEST(threads, the_first_refused_compound_in_input_order_is_reported) {
   const std::string dir = make_temp_dir();
   std::vector<std::string> records = sd_records(unxz(std::string(TAVRIX_TEST_DATA) + "/input/nci200.sdf.xz"));
