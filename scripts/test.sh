@@ -32,7 +32,7 @@ if [ "$fuzz_seconds" -gt 0 ]; then
   corpora=$(mktemp -d)
   trap 'rm -rf "$corpora"' EXIT
   failed=0
-  for pair in "reader dictionary" "whole_run"; do
+  for pair in "reader whole_run"; do
     pids=()
     for target in $pair; do
       "$root/fuzz/run.sh" "$root/build/fuzz" "$target" "$fuzz_seconds" "$corpora/$target" \

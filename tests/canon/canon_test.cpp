@@ -34,24 +34,6 @@ int largest_refined_cell(const Graph& g) {
   return largest_cell(m);
 }
 
-// The result must be the input with its vertices reordered as vid says.
-void expect_relabelling_of(const Graph& input, const Graph& g) {
-  std::vector<int> seen(input.vs, 0);
-  for (int k = 0; k < g.vs; ++k) {
-    ASSERT_EQ(seen[g.vid[k]]++, 0);
-    EXPECT_EQ(g.vl[k], input.vl[g.vid[k]]);
-    for (int j = g.v[k]; j < g.v[k + 1]; ++j) {
-      const int a = g.vid[k], b = g.vid[g.e[j]];
-      bool found = false;
-      for (int i = input.v[a]; i < input.v[a + 1]; ++i) found |= input.e[i] == b && input.el[i] == g.el[j];
-      EXPECT_TRUE(found);
-    }
-  }
-  EXPECT_EQ(g.es, input.es);
-  EXPECT_EQ(g.key, compute_key(g));
-}
-
-
 constexpr std::uint32_t kSeed = 20240611;
 
 Shape random_tree(std::mt19937& rng, int max_vertices, int vertex_labels, int bond_labels) {
@@ -82,7 +64,7 @@ std::vector<int> brute_form(const Graph& g) {
 
 // Different forms for different graphs whatever the search; one form per
 // class wherever the permutation search decides (its greatest code does not
-// depend on the numbering), and every form a relabelling of its input.
+// depend on the numbering).
 TEST(canonical_label, small_trees_share_a_form_exactly_when_isomorphic) {
   std::mt19937 rng(kSeed + 1);
   struct Item {
@@ -94,7 +76,6 @@ TEST(canonical_label, small_trees_share_a_form_exactly_when_isomorphic) {
   for (int k = 0; k < 400; ++k) {
     const Graph g = renumbered(random_tree(rng, 7, 2, 2), rng);
     items.push_back({labelled(g), brute_form(g), largest_refined_cell(g) < SEARCH_CELL_LIMIT});
-    expect_relabelling_of(g, items.back().form);
   }
   int isomorphic_pairs = 0;
   for (std::size_t a = 0; a < items.size(); ++a)

@@ -1,6 +1,6 @@
-// SD input: the column and record rules on small hand-written files, line
-// ends, and every malformed record with its message. The public record files
-// are read whole by the golden runs.
+// SD input: the column and record rules on small hand-written files and
+// every malformed record with its message. The public record files are read
+// whole by the golden runs; line ends are the line source's (line_source_test).
 #include "input/input_support.h"
 
 namespace {
@@ -19,15 +19,6 @@ std::string chain_record(const std::string& name, const std::vector<std::string>
   for (const std::string& a : atoms) s += atom_line(a);
   for (int b = 1; b <= nb; ++b) s += format_text("%3d%3d%3d  0\n", b, b + 1, 1);
   return s + "M  END\n$$$$\n";
-}
-
-std::string to_crlf(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    if (c == '\n') out += '\r';
-    out += c;
-  }
-  return out;
 }
 
 TEST(sd_reader, reads_columns_names_and_record_ends_as_laid_down) {
@@ -85,22 +76,6 @@ TEST(sd_reader, reads_records_cut_short_by_the_file_or_by_their_counts) {
   EXPECT_EQ(r.input.compounds[0].vs + r.input.compounds[0].es, 0);
   EXPECT_EQ(r.input.compounds[1].vs, 1);
   EXPECT_EQ(r.input.dictionary.vertex_labels.items, (std::vector<std::string>{"N"}));
-}
-
-TEST(sd_reader, reads_windows_line_ends_like_unix_ones) {
-  for (const char* file : {"mixed_records.sdf", "cdk2.sdf.xz", "last_record_without_end_marker.sdf"}) {
-    SCOPED_TRACE(file);
-    Scratch scratch;
-    const std::string unix_path = scratch.put("unix.sdf", data(file));
-    const std::string dos_path = scratch.put("dos.sdf", to_crlf(data(file)));
-    Loaded unix_run = load(unix_path), dos_run = load(dos_path);
-    EXPECT_EQ(dos_run.out, unix_run.out);
-    EXPECT_EQ(dos_run.input.compound_names, unix_run.input.compound_names);
-    ASSERT_EQ(dos_run.input.compounds.size(), unix_run.input.compounds.size());
-    for (std::size_t i = 0; i < dos_run.input.compounds.size(); ++i)
-      EXPECT_TRUE(same_form(dos_run.input.compounds[i], unix_run.input.compounds[i])) << i;
-    EXPECT_EQ(testsupport::read_file(dos_path + ".dict"), testsupport::read_file(unix_path + ".dict"));
-  }
 }
 
 TEST(sd_reader, reads_a_line_longer_than_the_buffer_as_several_lines) {

@@ -110,31 +110,6 @@ TEST(progress_line, stays_quiet_for_the_first_second_then_rewrites_at_most_five_
   std::fclose(f);
 }
 
-TEST(progress_line, shorter_text_blanks_the_rest_and_long_text_is_cut_to_the_width) {
-  std::FILE* f = std::tmpfile();
-  ASSERT_NE(f, nullptr);
-  const auto t0 = ProgressClock::time_point{} + 1000s;
-  Progress p;
-  progress_start_on(p, f, 60, 2000000, 1, 2147483647, t0);
-  progress_update_at(p, 1999999, 123456789, t0 + 3s);
-  const std::string cut = "\rcounting lengths 1-2147483647: 1999999/2000000 compounds, 41";
-  EXPECT_EQ(written(f), cut);
-  progress_update_at(p, 3, 10, t0 + 4s);
-  EXPECT_EQ(written(f), cut + "\rcounting lengths 1-2147483647: 3/2000000 compounds, 2 frag/s");
-  progress_finish(p);
-  EXPECT_EQ(written(f).substr(2 * cut.size()), blanked(60));
-  std::fclose(f);
-
-  std::FILE* g = std::tmpfile();
-  progress_start_on(p, g, 200, 10, 3, 3, t0);
-  progress_update_at(p, 9, 999999999, t0 + 2s);
-  progress_update_at(p, 1, 1, t0 + 3s);
-  const std::string long_line = "\rcounting length 3: 9/10 compounds, 500.0M frag/s, done in ~<1s";
-  const std::string short_line = "\rcounting length 3: 1/10 compounds, 0 frag/s, done in ~27s";
-  EXPECT_EQ(written(g), long_line + short_line + std::string(long_line.size() - short_line.size(), ' '));
-  std::fclose(g);
-}
-
 TEST(progress_line, text_shows_rates_and_times_in_readable_units) {
   EXPECT_EQ(progress_text(1, 7, 0, 100, 0, -1), "counting lengths 1-7: 0/100 compounds, 0 frag/s, done in ~?");
   EXPECT_EQ(progress_text(1, 7, 1, 100, 999.4, 59.4), "counting lengths 1-7: 1/100 compounds, 999 frag/s, done in ~59s");
