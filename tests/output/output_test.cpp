@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "output/output.h"
+#include "support/graphs.h"
 #include "support/process.h"
 
 namespace {
@@ -15,18 +16,11 @@ LabelDictionary dictionary(const std::vector<std::string>& bonds, const std::vec
   return d;
 }
 
+// A centre with leaves 1, 2, ... joined by bonds of the given labels.
 Graph star(const std::vector<int>& vl, const std::vector<int>& bond_labels) {
-  Graph g;
-  g.vs = static_cast<int>(vl.size());
-  g.es = 2 * (g.vs - 1);
-  g.vl = vl;
-  std::vector<EdgeTriple> t;
-  for (int i = 1; i < g.vs; ++i) {
-    t.push_back({0, i, bond_labels[i - 1]});
-    t.push_back({i, 0, bond_labels[i - 1]});
-  }
-  build_adjacency(t, g);
-  return g;
+  std::vector<testsupport::Bond> bonds;
+  for (std::size_t i = 0; i < bond_labels.size(); ++i) bonds.push_back({0, static_cast<int>(i) + 1, bond_labels[i]});
+  return testsupport::make_graph(vl, bonds);
 }
 
 template <class Write>

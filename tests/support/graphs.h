@@ -52,42 +52,26 @@ inline Graph renumbered(const Shape& s, std::mt19937& rng) {
 }
 
 // Random tree, degrees capped, labels from small alphabets so equal cells
-// are common; `extra` more bonds between unbonded pairs close cycles.
-inline Shape random_shape(std::mt19937& rng, int n, int vlabels, int elabels, int max_degree, int extra = 0) {
+// are common.
+inline Shape random_shape(std::mt19937& rng, int n, int vlabels, int elabels, int max_degree) {
   Shape s;
   std::vector<int> degree(n, 0);
   for (int k = 0; k < n; ++k) s.labels.push_back(draw(rng, vlabels));
-  std::vector<std::vector<bool>> bonded(n, std::vector<bool>(n, false));
-  auto bond = [&](int a, int b) {
-    s.bonds.push_back({a, b, draw(rng, elabels)});
-    bonded[a][b] = bonded[b][a] = true;
-    ++degree[a];
-    ++degree[b];
-  };
   for (int k = 1; k < n; ++k) {
     int parent = draw(rng, k);
     for (int tries = 0; degree[parent] >= max_degree && tries < 20; ++tries) parent = draw(rng, k);
-    bond(parent, k);
-  }
-  for (int k = 0; k < extra && n > 2; ++k) {
-    const int a = draw(rng, n), b = draw(rng, n);
-    if (a != b && !bonded[a][b]) bond(a, b);
+    s.bonds.push_back({parent, k, draw(rng, elabels)});
+    ++degree[parent];
+    ++degree[k];
   }
   return s;
 }
 
-// A centre (label 6) with `leaves` equal leaves (label 1), and optionally a
-// two-atom arm.
-inline Shape star(int leaves, bool arm = false) {
+// A centre (label 6) with `leaves` equal leaves (label 1).
+inline Shape star(int leaves) {
   Shape s{std::vector<int>(leaves + 1, 1), {}};
   s.labels[0] = 6;
   for (int k = 1; k <= leaves; ++k) s.bonds.push_back({0, k, 0});
-  if (arm) {
-    s.labels.push_back(5);
-    s.labels.push_back(1);
-    s.bonds.push_back({0, leaves + 1, 0});
-    s.bonds.push_back({leaves + 1, leaves + 2, 0});
-  }
   return s;
 }
 

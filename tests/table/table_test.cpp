@@ -24,21 +24,6 @@ TEST(compute_key, matches_the_known_vectors_and_wraps_at_the_table_size) {
   EXPECT_EQ(home_slot(HASHTBL_SIZE + 5), 5);
 }
 
-TEST(slot_occupancy, claims_the_slots_probing_from_the_home_slot_would_find) {
-  SlotOccupancy taken;
-  create_occupancy(taken);
-  EXPECT_EQ(claim_slot(taken, 5), 5);
-  EXPECT_EQ(claim_slot(taken, HASHTBL_SIZE + 5), 6);  // same home, next free
-  EXPECT_EQ(claim_slot(taken, 4), 4);
-  EXPECT_EQ(claim_slot(taken, 4), 7);  // passes 5 and 6
-  // Across a word boundary, and wrapping from the last slot to the first.
-  for (int k = 0; k < 70; ++k) EXPECT_EQ(claim_slot(taken, 100), 100 + k);
-  EXPECT_EQ(claim_slot(taken, HASHTBL_SIZE - 1), HASHTBL_SIZE - 1);
-  EXPECT_EQ(claim_slot(taken, HASHTBL_SIZE - 1), 0);
-  EXPECT_EQ(claim_slot(taken, HASHTBL_SIZE - 1), 1);
-  EXPECT_EQ(taken.used, 77);
-}
-
 TEST(slot_occupancy, a_full_table_ends_the_run_with_its_message) {
   SlotOccupancy taken;
   create_occupancy(taken);
