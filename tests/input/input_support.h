@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
 
 #include "input/input.h"
@@ -82,25 +81,6 @@ inline std::vector<std::string> bonds_of(const CompoundInput& in, const Graph& g
         out.push_back(std::to_string(i) + "-" + std::to_string(g.e[j]) + ":" +
                       in.dictionary.edge_labels.items.at(g.el[j]));
   return out;
-}
-
-// Atoms per atom label and bonds per bond label over the whole input.
-struct Census {
-  int atoms = 0, bonds = 0;
-  std::map<std::string, int> per_atom_label, per_bond_label;
-};
-
-inline Census census(const CompoundInput& in) {
-  Census c;
-  for (const Graph& g : in.compounds) {
-    c.atoms += g.vs;
-    c.bonds += g.es / 2;
-    for (int k = 0; k < g.vs; ++k) ++c.per_atom_label[in.dictionary.vertex_labels.items.at(g.vl[k])];
-    for (int i = 0; i < g.vs; ++i)
-      for (int j = g.v[i]; j < g.v[i + 1]; ++j)
-        if (i < g.e[j]) ++c.per_bond_label[in.dictionary.edge_labels.items.at(g.el[j])];
-  }
-  return c;
 }
 
 }  // namespace inputtest

@@ -107,14 +107,4 @@ TEST(next_line, agrees_with_the_reference_on_random_bytes) {
   }
 }
 
-// The sizes the passes use: lines longer than the line buffer, and pairs and
-// limits around the chunk ends of a file several chunks long.
-TEST(next_line, agrees_with_the_reference_at_full_size) {
-  std::string bytes = std::string(INPUT_CHUNK_SIZE - 1, 'x') + "\r\n";  // the pair straddles the first refill
-  for (std::size_t length : {LINE_BUFFER_SIZE - 2, LINE_BUFFER_SIZE - 1, LINE_BUFFER_SIZE, 2 * LINE_BUFFER_SIZE + 5})
-    bytes += std::string(length, 'x') + "\r\n\r\r\n\0y\n"s;
-  bytes += "last\r";
-  EXPECT_EQ(chunked_lines(bytes, INPUT_CHUNK_SIZE, LINE_BUFFER_SIZE), reference_lines(bytes, LINE_BUFFER_SIZE));
-}
-
 }  // namespace

@@ -1,5 +1,6 @@
-// Mol2 input: the public molecule files, the head, section and bond type
-// rules on small files, and every malformed molecule with its message.
+// Mol2 input: the raw public conversion against the clean one, the head,
+// section and bond type rules on small files, and every malformed molecule
+// with its message. The clean public files are read by the golden runs.
 #include "input/input_support.h"
 
 namespace {
@@ -14,23 +15,6 @@ std::string mol2_head(const std::string& name, const std::string& counts) {
 
 std::string mol2_atom(int id, const std::string& type) {
   return format_text("%7d C %10.4f %10.4f %10.4f %s 1 UNL1 0.0\n", id, 0.0, 0.0, 0.0, type.c_str());
-}
-
-// No golden run reads this file: atoms and bonds per label, counted by an
-// independent section parser.
-TEST(mol2_reader, reads_the_types_and_bonds_of_the_nci_set) {
-  Scratch scratch;
-  Loaded r = load(scratch.put("in.mol2", data("nci200.mol2.xz")), MOL2);
-  Census c = census(r.input);
-  EXPECT_EQ(c.atoms, 3123);
-  EXPECT_EQ(c.bonds, 3231);
-  EXPECT_EQ(c.per_atom_label,
-            (std::map<std::string, int>{
-                {"Br", 15},  {"C.1", 13},  {"C.2", 199},  {"C.3", 638}, {"C.ar", 1529}, {"Cl", 27},  {"Cu", 2},
-                {"F", 96},   {"I", 10},    {"N.1", 9},    {"N.2", 22},  {"N.3", 18},    {"N.4", 7},   {"N.am", 23},
-                {"N.ar", 32}, {"N.pl3", 58}, {"O.2", 154}, {"O.3", 115}, {"O.co2", 117}, {"P.3", 3},  {"S.2", 4},
-                {"S.3", 22}, {"S.O", 4},   {"S.O2", 2},   {"Se", 2},    {"Si", 2}}));
-  EXPECT_EQ(c.per_bond_label, (std::map<std::string, int>{{"-", 1331}, {"=", 186}, {"#", 11}, {"*", 24}, {"~", 1679}}));
 }
 
 TEST(mol2_reader, reads_the_raw_conversion_to_the_same_graphs) {

@@ -47,14 +47,6 @@ TEST(check_token_limit, refuses_the_shortest_lines_at_the_limit) {
   }
 }
 
-TEST(load_label_dictionary, sorts_labels_and_skips_comments) {
-  Scratch scratch;
-  LabelDictionary d = load_label_dictionary(
-      scratch.put("x.dict", "# comment\nE -\nE =\nE #\nE ~\nV O\nV C\nV\tN\nV C\nVCl\n"));
-  EXPECT_EQ(d.edge_labels.items, (std::vector<std::string>{"#", "-", "=", "~"}));
-  EXPECT_EQ(d.vertex_labels.items, (std::vector<std::string>{"C", "Cl", "N", "O"}));
-}
-
 TEST(load_label_dictionary, stops_at_lines_it_cannot_read) {
   Scratch scratch;
   EXPECT_EXIT_WITH_OUTPUT(load_label_dictionary(scratch.put("a.dict", "E -\nX y\n")), 1, exactly("invalid line at"));

@@ -42,7 +42,7 @@ TEST(install, scratch_prefix_gets_programs_that_run_and_manual_pages) {
   remove_tree(work);
 }
 
-TEST(install, debian_package_holds_both_programs_and_their_pages) {
+TEST(install, debian_package_holds_the_programs_their_pages_and_the_python_package) {
   const std::string cpack = on_path("cpack"), dpkg_deb = on_path("dpkg-deb");
   if (cpack.empty() || dpkg_deb.empty()) GTEST_SKIP() << "needs cpack and dpkg-deb";
   const std::string out = make_temp_dir();
@@ -56,10 +56,20 @@ TEST(install, debian_package_holds_both_programs_and_their_pages) {
 
   const auto contents = run_program(dpkg_deb, {"--contents", deb}, out);
   ASSERT_EQ(contents.status, 0) << contents.err;
-  for (const char* path : {"./usr/bin/Tavrix\n", "./usr/bin/tavrix-matrix\n", "./usr/share/man/man1/Tavrix.1\n",
-                           "./usr/share/man/man1/tavrix-matrix.1\n"})
+  std::vector<std::string> paths = {"./usr/bin/Tavrix\n", "./usr/bin/tavrix-matrix\n", "./usr/bin/tavrix-apply\n",
+                                    "./usr/share/man/man1/Tavrix.1\n", "./usr/share/man/man1/tavrix-matrix.1\n",
+                                    "./usr/share/man/man1/tavrix-apply.1\n"};
+  // A build with the Python package ships it too, with what it imports.
+  const bool python = read_file(std::string(TAVRIX_BUILD_DIR) + "/CMakeCache.txt").find("TAVRIX_PYTHON:BOOL=ON") !=
+                      std::string::npos;
+  if (python)
+    paths.insert(paths.end(), {"./usr/lib/python3/dist-packages/tavrix/__init__.py",
+                               "./usr/lib/python3/dist-packages/tavrix/_core.cpython-"});
+  for (const std::string& path : paths)
     EXPECT_NE(contents.out.find(path), std::string::npos) << path << "\n" << contents.out;
   const auto control = run_program(dpkg_deb, {"--field", deb, "Package", "Depends"}, out);
+  for (const char* package : {"python3 (>= 3.", "python3-numpy", "python3-scipy"})
+    EXPECT_TRUE(!python || control.out.find(package) != std::string::npos) << package << "\n" << control.out;
 #ifndef TAVRIX_SANITIZED  // a sanitizer build rightly depends on the sanitizer runtimes too
   // The C library among the dependencies (after Python's, in a build with the
   // Python package).
