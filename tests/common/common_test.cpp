@@ -1,6 +1,6 @@
-// Shared services: label sets and file opening. The growable array and the
-// dictionary's line reader serve the label sets and the dictionary loader,
-// whose results the reader tests and every whole run check.
+// Shared services: label sets, file opening and the dictionary's line
+// reader. The growable array serves the label sets, whose results the
+// reader tests and every whole run check.
 #include <gtest/gtest.h>
 
 #include "common/common.h"
@@ -42,6 +42,20 @@ TEST(open_file, refuses_a_folder_for_reading_and_a_file_below_a_plain_file) {
   testsupport::write_file(dir + "/plain", "x");
   EXPECT_EXIT_WITH_OUTPUT(open_file(dir, "r"), 1, "^can't open a file '" + dir + "'\n$");
   EXPECT_EXIT_WITH_OUTPUT(open_file(dir + "/plain/x", "w"), 1, "^can't open a file '" + dir + "/plain/x'\n$");
+  testsupport::remove_tree(dir);
+}
+
+// The dictionary's line reader: a long line grows the buffer by 5, 10, 20...
+// bytes and the caller keeps it; a last line without a line feed counts.
+TEST(read_line, grows_by_five_then_doubling_and_keeps_the_buffer) {
+  const std::string dir = testsupport::make_temp_dir();
+  testsupport::write_file(dir + "/f", std::string(40, 'x') + "\nab\nlast");
+  FilePtr f = open_file(dir + "/f", "r");
+  std::vector<char> buffer(10);
+  std::size_t size = 10;
+  std::vector<std::pair<std::string, std::size_t>> lines;
+  while (read_line(buffer, size, f.get())) lines.emplace_back(buffer.data(), size);
+  EXPECT_EQ(lines, (decltype(lines){{std::string(40, 'x') + "\n", 45}, {"ab\n", 45}, {"last", 45}}));
   testsupport::remove_tree(dir);
 }
 

@@ -113,6 +113,7 @@ TEST(tavrix_matrix, refuses_what_it_cannot_read_or_write_and_leaves_nothing) {
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{"bad.out"}, "bad.out:3: expected a count after descriptor 12\n"},
       {{"-n", "8", "wide.out"}, "wide.out:2: descriptor 9 is beyond the 8 columns asked for\n"},
+      {{"-n", "0", "wide.out"}, "wide.out:1: descriptor 1 is beyond the 0 columns asked for\n"},
       {{"missing.out"}, "missing.out: No such file or directory\n"},
       {{"-o", "no/such/folder/x", "d.mtx"}, "no/such/folder/x.mtx: No such file or directory\n"},
       {{"-o", "./d", "d.mtx"}, "./d.mtx: is the descriptor file being read; choose another -o STEM\n"},
