@@ -1,6 +1,6 @@
-// Shared services: label sets, file opening and the dictionary's line
-// reader. The growable array serves the label sets, whose results the
-// reader tests and every whole run check.
+// Shared services: label sets and the dictionary's line reader. The
+// growable array serves the label sets, and opening files is checked where
+// the readers and writers refuse folders and paths below plain files.
 #include <gtest/gtest.h>
 
 #include "common/common.h"
@@ -33,16 +33,6 @@ TEST(label_set, missing_labels_end_the_run_with_their_messages) {
   add_vertex_label("C", d);
   EXPECT_EXIT_WITH_OUTPUT(vertex_label_index("N", d), 1, "^C\nO\ncan't find a vertex label 'N' in the label set\n$");
   EXPECT_EXIT_WITH_OUTPUT(edge_label_index("-", d), 1, "^can't find an edge label in the label set\n$");
-}
-
-// fopen accepts a folder for reading on Linux; reading it would then fail in
-// ways that look like an empty file, so the folder is refused by name.
-TEST(open_file, refuses_a_folder_for_reading_and_a_file_below_a_plain_file) {
-  const std::string dir = testsupport::make_temp_dir();
-  testsupport::write_file(dir + "/plain", "x");
-  EXPECT_EXIT_WITH_OUTPUT(open_file(dir, "r"), 1, "^can't open a file '" + dir + "'\n$");
-  EXPECT_EXIT_WITH_OUTPUT(open_file(dir + "/plain/x", "w"), 1, "^can't open a file '" + dir + "/plain/x'\n$");
-  testsupport::remove_tree(dir);
 }
 
 // The dictionary's line reader: a long line grows the buffer by 5, 10, 20...

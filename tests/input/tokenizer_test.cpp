@@ -35,18 +35,6 @@ TEST(tokenize_line, agrees_with_a_plain_split) {
   }
 }
 
-// Lines whose tokens no pass keeps are split only when long enough to reach
-// the limit: the shortest such lines, with and without their feed.
-TEST(check_token_limit, refuses_the_shortest_lines_at_the_limit) {
-  std::string shortest = "x";
-  for (int i = 1; i < MAX_TOKENS; ++i) shortest += " x";
-  const char* refused = "total items in this transaction = 1000,id = x,str = x\nmemory for array not sufficient\n";
-  for (const std::string& line : {shortest, shortest + "\n"}) {
-    TokenArray t;
-    EXPECT_EXIT_WITH_OUTPUT(check_token_limit(line, t), 1, exactly(refused));
-  }
-}
-
 TEST(load_label_dictionary, stops_at_lines_it_cannot_read) {
   Scratch scratch;
   EXPECT_EXIT_WITH_OUTPUT(load_label_dictionary(scratch.put("a.dict", "E -\nX y\n")), 1, exactly("invalid line at"));
