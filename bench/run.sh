@@ -101,6 +101,30 @@ threads=$(nproc)
 echo "nci5k.sdf -lmax 7, one thread and the default ($threads), turn about, median of $runs runs:"
 dir=$work/threads; mkdir -p "$dir"; cp "$work/nci5k.sdf" "$dir/"
 side_by_side "$dir" nci5k.sdf -lmax 7
+
+# What the processors themselves allow: the one-thread run held to each
+# processor in turn. Processors of a virtual machine may differ in speed
+# (their host cores shared with other work); all of them together, work
+# shared perfectly, would take 1 / (sum over processors of 1 / time).
+if command -v taskset > /dev/null; then
+  echo "nci5k.sdf -lmax 7, one thread held to each processor, median of $runs runs:"
+  sum=0
+  # The processors this shell may run on, "0-3,6" as "0 1 2 3 6".
+  for cpu in $(taskset -pc $$ | sed 's/.*: //' | tr ',' '\n' |
+    awk -F- '{for (c = $1; c <= ($2 == "" ? $1 : $2); ++c) print c}'); do
+    ts=()
+    for ((i = 0; i < runs; ++i)); do
+      (cd "$dir" && TAVRIX_THREADS=1 /usr/bin/time -f "%e" -o pinned.txt taskset -c "$cpu" "$bin" -ofile pinned \
+        -lmax 7 nci5k.sdf > /dev/null) || true
+      ts+=("$(tail -n 1 "$dir/pinned.txt")")
+    done
+    t=$(printf '%s\n' "${ts[@]}" | median)
+    printf '  processor %-3s %7.2f s\n' "$cpu" "$t"
+    sum=$(awk -v s="$sum" -v t="$t" 'BEGIN {print s + (t > 0 ? 1 / t : 0)}')
+  done
+  awk -v s="$sum" 'BEGIN {if (s > 0) printf "  every processor, work shared perfectly: %.2f s\n", 1 / s}'
+  rm -f "$dir"/pinned*
+fi
 if [ -n "${LARGE:-}" ]; then
   echo "$(basename "$LARGE") -lmax 7, one thread and the default ($threads), median of $runs runs:"
   dir=$work/large; mkdir -p "$dir"; ln -s "$(realpath "$LARGE")" "$dir/$(basename "$LARGE")"

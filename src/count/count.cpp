@@ -21,6 +21,8 @@
 
 #include "common/parallel.h"
 #include "common/progress.h"
+#include "common/thread_team.h"
+#include "common/write_behind.h"
 #include "enumerate/fragment_counter.h"
 #include "output/output.h"
 #include "table/table.h"
@@ -30,12 +32,10 @@ namespace {
 // Compounds handed to a worker at a time: enough to make the hand-over cheap,
 // few enough that the workers stay evenly busy to the end.
 constexpr int BATCH_COMPOUNDS = 32;
-// A worker's counter remembers the growth steps and labelled graphs it met,
-// which spares labelling the same fragments again; once its share of this
-// budget is full it forgets them all and starts afresh in the same memory
-// (the forms stay in the run's store), so its memory does not grow with the
-// distinct fragments beyond it. Each worker gets at least the floor, below
-// which it would relabel too often to count quickly.
+// Each worker's counter also keeps what it remembers for itself (the
+// fragment graphs it labelled off the grown path, in a quarter of its
+// share of this budget), forgetting it once full; each gets at least the
+// floor.
 constexpr std::size_t MEMO_BUDGET = std::size_t{96} << 20;
 constexpr std::size_t MEMO_FLOOR = std::size_t{32} << 20;
 
@@ -122,12 +122,12 @@ struct Worker {
   std::unique_ptr<FragmentCounter> counter;
 };
 
-void count_batch(Worker& w, FormStore& store, const CountOptions& o, Batch& b) {
+void count_batch(Worker& w, FormStore& store, StepTables* steps, const CountOptions& o, Batch& b) {
   try {
     RaiseFailures raise;
     if (!w.counter) {
       const std::size_t budget = std::max(MEMO_FLOOR, MEMO_BUDGET / std::max(o.threads, 1));
-      w.counter = std::make_unique<FragmentCounter>(o.lmin, o.lmax, o.opt, &store, budget);
+      w.counter = std::make_unique<FragmentCounter>(o.lmin, o.lmax, o.opt, &store, budget, steps);
     } else if (w.counter->memo_full()) {
       w.counter->forget();
     }
@@ -203,10 +203,11 @@ struct WorkerPool {
 
   // As many of n threads as the system lets this process start (an
   // address-space limit, for one, may refuse their stacks).
-  WorkerPool(int n, FormStore& store, const CountOptions& o) : workers(n) {
+  WorkerPool(int n, FormStore& store, StepTables* steps, const CountOptions& o) : workers(n) {
     threads.reserve(n);
     try {
-      for (int i = 0; i < n; ++i) threads.emplace_back([this, i, &store, &o] { serve(i, store, o); });
+      for (int i = 0; i < n; ++i)
+        threads.emplace_back([this, i, &store, steps, &o] { serve(i, store, steps, o); });
     } catch (const std::system_error&) {
     } catch (...) {
       // No destructor runs for a pool that was never made: stop the
@@ -225,7 +226,7 @@ struct WorkerPool {
     for (std::thread& t : threads)
       if (t.joinable()) t.join();
   }
-  void serve(int index, FormStore& store, const CountOptions& o) {
+  void serve(int index, FormStore& store, StepTables* steps, const CountOptions& o) {
     for (;;) {
       Batch* b = nullptr;
       {
@@ -235,7 +236,7 @@ struct WorkerPool {
         b = queue.front();
         queue.pop_front();
       }
-      count_batch(workers[index], store, o, *b);
+      count_batch(workers[index], store, steps, o, *b);
       {
         std::lock_guard<std::mutex> lock(mutex);
         b->done = true;
@@ -261,9 +262,15 @@ void count_all(CompoundStream& input, const CountOptions& o, CountedRun& run) {
   // Declared before the pool, so that however this ends the workers have
   // stopped before the batches they may be counting go away.
   std::deque<std::unique_ptr<Batch>> in_flight, spare;
+  // The growth steps met by any worker spare every other labelling them
+  // again. Once their tables are full (o.step_limit), the batches in flight
+  // finish and they are all forgotten, to be learnt afresh (the forms stay
+  // in the store): their memory does not grow with the distinct fragments.
+  // They outlive the workers.
+  StepTables steps(o.step_limit);
   // One thread counts in the caller's thread; more get a pool, and the
   // caller reads and merges.
-  std::unique_ptr<WorkerPool> pool = threads > 1 ? std::make_unique<WorkerPool>(threads, run.store, o) : nullptr;
+  std::unique_ptr<WorkerPool> pool = threads > 1 ? std::make_unique<WorkerPool>(threads, run.store, &steps, o) : nullptr;
   // Without a thread started, the caller counts alone.
   if (pool && pool->threads.empty()) pool.reset();
   Worker inline_worker;
@@ -277,6 +284,11 @@ void count_all(CompoundStream& input, const CountOptions& o, CountedRun& run) {
   int next_index = 0;
   while (true) {
     while (!input_done && in_flight.size() < in_flight_limit) {
+      if (steps.full()) {
+        // Forgotten only once no batch is being counted.
+        if (!in_flight.empty()) break;
+        steps.forget();
+      }
       std::unique_ptr<Batch> b;
       if (!spare.empty()) {
         b = std::move(spare.front());
@@ -306,7 +318,7 @@ void count_all(CompoundStream& input, const CountOptions& o, CountedRun& run) {
       if (pool) {
         pool->submit(b.get());
       } else {
-        count_batch(inline_worker, run.store, o, *b);
+        count_batch(inline_worker, run.store, &steps, o, *b);
         b->done = true;
       }
       in_flight.push_back(std::move(b));
@@ -334,8 +346,6 @@ CountOptions count_options(const RunSettings& settings) {
 }
 
 void count_compounds(CompoundStream& input, const CountOptions& options, CountedRun& run) {
-  // The workers do not pool their growth steps: on nci5k, looking steps up
-  // under the store's locks cost more time than working them out again.
   run.spill.limit = options.spill_limit;
   run.spill.directory = options.spill_directory;
   try {
@@ -355,43 +365,60 @@ void count_compounds(CompoundStream& input, const CountOptions& options, Counted
 namespace {
 
 // Records formatted at a time: enough to share out among threads, few enough
-// that the buffers stay a few megabytes.
+// that the buffers stay a few megabytes; a thread takes a chunk at a time.
 constexpr std::size_t RECORD_WINDOW = 8192;
+constexpr std::size_t RECORD_CHUNK = 512;
 
-// The records of `forms`, in that order, formatted on up to `threads`
-// threads a window at a time and written in order. A record that cannot be
-// written ends the run once what comes before it is written, as one thread
-// writing record after record would.
-void write_records(const std::vector<int>& forms, const CountedRun& run, const Numbering& numbering, bool mol2,
-                   const LabelDictionary& dict, int threads, std::FILE* structure, std::vector<std::string>& parts,
-                   Progress& progress, int numbered_before) {
-  for (std::size_t from = 0; from < forms.size(); from += RECORD_WINDOW) {
-    const std::size_t to = std::min(forms.size(), from + RECORD_WINDOW);
-    const int n = static_cast<int>(std::clamp<std::size_t>((to - from) / 1024, 1, static_cast<std::size_t>(threads)));
-    parts.resize(std::max<std::size_t>(parts.size(), n));
-    std::vector<char> fine(n, 1);
-    run_parts(n, [&](int p) {
-      std::string& out = parts[p];
-      out.clear();
-      const std::size_t lo = from + (to - from) * p / n, hi = from + (to - from) * (p + 1) / n;
-      for (std::size_t k = lo; k < hi && fine[p]; ++k) {
-        const int f = forms[k];
-        fine[p] = mol2 ? format_mol2_fragment(numbering.id[f], run.store.view(f), dict, out)
-                       : format_sd_fragment(numbering.id[f], run.store.view(f), dict, out);
+// Formats the records of `forms`, in that order, on up to `threads` threads
+// a window at a time, each window written behind the formatting of the next
+// (two sets of buffers take turns). A record that cannot be formatted ends
+// the run once what comes before it is written, as one thread writing record
+// after record would.
+struct RecordWriter {
+  const CountedRun& run;
+  const Numbering& numbering;
+  bool mol2;
+  const LabelDictionary& dict;
+  ThreadTeam& team;
+  WriteBehind& writer;
+  std::vector<std::string> chunks[2];
+  int turn = 0;
+
+  void write(const std::vector<int>& forms, Progress& progress, int numbered_before) {
+    for (std::size_t from = 0; from < forms.size(); from += RECORD_WINDOW) {
+      const std::size_t to = std::min(forms.size(), from + RECORD_WINDOW);
+      const int n = static_cast<int>((to - from + RECORD_CHUNK - 1) / RECORD_CHUNK);
+      std::vector<std::string>& out = chunks[turn];
+      turn ^= 1;
+      out.resize(std::max<std::size_t>(out.size(), n));
+      std::vector<char> fine(n, 1);
+      team.run_chunks(n, [&](int c, int) {
+        out[c].clear();
+        const std::size_t hi = std::min(to, from + (c + 1) * RECORD_CHUNK);
+        for (std::size_t k = from + c * RECORD_CHUNK; k < hi && fine[c]; ++k) {
+          const int f = forms[k];
+          fine[c] = mol2 ? format_mol2_fragment(numbering.id[f], run.store.view(f), dict, out[c])
+                         : format_sd_fragment(numbering.id[f], run.store.view(f), dict, out[c]);
+        }
+      });
+      std::vector<std::string_view> pieces;
+      int failed = -1;
+      for (int c = 0; c < n && failed < 0; ++c) {
+        pieces.emplace_back(out[c]);
+        if (!fine[c]) failed = c;
       }
-    });
-    for (int p = 0; p < n; ++p) {
-      std::fwrite(parts[p].data(), 1, parts[p].size(), structure);
-      if (!fine[p]) fatal_error("problem with the graph\n");
+      writer.write(std::move(pieces));
+      if (failed >= 0) {
+        writer.wait();
+        fatal_error("problem with the graph\n");
+      }
+      progress_update(progress, numbered_before + static_cast<int>(to), 0);
     }
-    progress_update(progress, numbered_before + static_cast<int>(to), 0);
   }
-}
+};
 
-}  // namespace
-
-void number_forms(const CountedRun& run, const RunSettings& settings, const LabelDictionary& dict, bool announce,
-                  std::FILE* structure, const std::string& structure_name, Numbering& numbering, int threads) {
+void number_lengths(const CountedRun& run, const RunSettings& settings, const LabelDictionary& dict, bool announce,
+                    std::FILE* structure, const std::string& structure_name, Numbering& numbering, int threads) {
   const int forms = run.store.size();
   numbering.id.assign(forms, 0);
   numbering.descriptor.assign(forms, 0);
@@ -400,7 +427,9 @@ void number_forms(const CountedRun& run, const RunSettings& settings, const Labe
   create_occupancy(occupancy);
   std::vector<std::pair<int, int>> placed;  // (slot, form)
   std::vector<int> described;               // forms of this length that are descriptors, in slot order
-  std::vector<std::string> parts;
+  ThreadTeam team(structure != nullptr ? threads : 1);
+  WriteBehind writer(structure, threads > 1);
+  RecordWriter records{run, numbering, settings.mol2input, dict, team, writer, {}, 0};
   // The line on a terminal counts the fragments numbered, which the lines of
   // each length on standard output interrupt.
   Progress progress;
@@ -429,17 +458,32 @@ void number_forms(const CountedRun& run, const RunSettings& settings, const Labe
       numbering.descriptor[f] = ++numbering.descriptors;
       described.push_back(f);
     }
-    if (structure != nullptr)
-      write_records(described, run, numbering, settings.mol2input, dict, std::max(threads, 1), structure, parts,
-                    progress, numbered_before);
+    if (structure != nullptr) records.write(described, progress, numbered_before);
     progress_update(progress, numbering.total, 0);
     // A lost write is reported with the length it belongs to.
-    if (structure != nullptr) check_written(structure, structure_name);
+    if (structure != nullptr) {
+      writer.wait();
+      check_written(structure, structure_name);
+    }
     progress_clear(progress);
     if (announce)
       std::printf("total upto this threshold = %d,value of k = %d\n", numbering.total, numbering.descriptors);
   }
   progress_finish(progress);
+}
+
+}  // namespace
+
+void number_forms(const CountedRun& run, const RunSettings& settings, const LabelDictionary& dict, bool announce,
+                  std::FILE* structure, const std::string& structure_name, Numbering& numbering, int threads) {
+  try {
+    // A failure waits for the records handed over to be written.
+    RaiseFailures raise;
+    number_lengths(run, settings, dict, announce, structure, structure_name, numbering, threads);
+  } catch (const Failure& f) {
+    if (f.on_stderr) fatal_error_on_stderr(f.message);
+    fatal_error(f.message);
+  }
 }
 
 void start_batch_rows(const CountedRun& run, std::size_t first, std::size_t last, RowReader& rows) {

@@ -46,6 +46,7 @@ struct CountOptions {
   int lmin = 1, lmax = 7, opt = 1;  // lengths and fragment type, as the run settings give them
   int threads = 1;                  // workers counting compounds
   std::size_t spill_limit = std::size_t{32} << 20;  // entry bytes held in memory
+  std::size_t step_limit = std::size_t{64} << 20;   // bytes of the growth steps the workers share
   std::string spill_directory = ".";
   bool progress = false;            // the progress line on a terminal's standard error
 };

@@ -11,6 +11,9 @@
 
 namespace {
 
+// The bound of a counter's own step tables when the caller sets none.
+constexpr std::size_t OWN_STEP_BYTES = std::size_t{1} << 27;
+
 // The canonical position of a compound atom in a set's row.
 int position_in(const int* row, int atom) {
   int pos = 0;
@@ -20,11 +23,19 @@ int position_in(const int* row, int atom) {
 
 }  // namespace
 
-FragmentCounter::FragmentCounter(int lmin, int lmax, int opt, FormStore* store, std::size_t memo_limit)
-    : lmin_(lmin), lmax_(lmax), opt_(opt), store_(store), memo_(memo_limit) {
+FragmentCounter::FragmentCounter(int lmin, int lmax, int opt, FormStore* store, std::size_t memo_limit,
+                                 StepTables* steps)
+    : lmin_(lmin), lmax_(lmax), opt_(opt), store_(store), steps_(steps),
+      memo_(memo_limit > 0 ? std::max<std::size_t>(memo_limit / 4, 1) : 0) {
   if (store_ == nullptr) {
     own_store_ = std::make_unique<FormStore>();
     store_ = own_store_.get();
+  }
+  if (steps_ == nullptr) {
+    // Tables left behind when a form's table doubles stay until forgotten:
+    // half the bound holds the tables in use.
+    own_steps_ = std::make_unique<StepTables>(memo_limit > 0 ? memo_limit / 2 : OWN_STEP_BYTES);
+    steps_ = own_steps_.get();
   }
 }
 
@@ -37,7 +48,6 @@ void FragmentCounter::reach_form(int f) {
   // most of them.
   const std::size_t size =
       std::max<std::size_t>(static_cast<std::size_t>(f) + 1, static_cast<std::size_t>(store_->size()) * 5 / 4 + 1024);
-  memo_.reach(size);
   // last_compound_ last: its size says how far all the arrays reach, should
   // one fail.
   last_position_.resize(size, 0);
@@ -121,7 +131,7 @@ void FragmentCounter::count_leaves(int n, const std::uint64_t* candidates) {
       const int label = slots_.label[s];
       const StepBucket* step = nullptr;
       if (step_labels_fit(label, vl[outside]))
-        step = memo_.find_step(form_[n], step_key(position_in(parent, inside), label, vl[outside]));
+        step = steps_->find(form_[n], step_key(position_in(parent, inside), label, vl[outside]));
       if (step != nullptr && step->form >= 0) {
         form_[n + 1] = step->form;
         if (counted) record(n + 1);
@@ -160,6 +170,8 @@ void FragmentCounter::include(int n, int s) {
 
 void FragmentCounter::record(int n) {
   const int f = form_[n];
+  // A step another counter added may lead to a form new to this one.
+  reach_form(f);
   if (opt_ == 2 || opt_ == 3) {
     if (store_->stored(f).branching != (opt_ == 2)) return;
   } else if (opt_ != 1) {
@@ -190,11 +202,11 @@ void FragmentCounter::grow(int n, int a, int b, int label) {
       return;
     }
     const std::uint64_t key = first_bond_key(g.vl[a], g.vl[b], label);
-    if (const StepBucket* s = memo_.find_first_bond(key)) {
+    if (const FirstBond* s = memo_.find_first_bond(key)) {
       form_[1] = s->form;
       stable_[1] = 1;
-      child[s->moves[0]] = a;
-      child[1 - s->moves[0]] = b;
+      child[s->lower_position] = a;
+      child[1 - s->lower_position] = b;
       return;
     }
     label_set(1);
@@ -211,27 +223,26 @@ void FragmentCounter::grow(int n, int a, int b, int label) {
   }
   const int pos = position_in(parent, inside);
   const std::uint32_t key = step_key(pos, label, g.vl[outside]);
-  if (const StepBucket* s = memo_.find_step(form_[n - 1], key)) {
-    if (s->form >= 0) {
-      form_[n] = s->form;
-      stable_[n] = 1;
-      // The rows of the largest sets are never read: nothing grows from them.
-      if (n < maxdepth_) {
-        const std::uint8_t* moves = memo_.moves_of(*s, n + 1);
-        for (int k = 0; k < n; ++k) child[moves[1 + k]] = parent[k];
-        child[moves[0]] = outside;
-      }
-      return;
-    }
+  const StepBucket* s = steps_->find(form_[n - 1], key);
+  if (s == nullptr) {
+    std::uint8_t moves[MAX_GROWN_VERTICES + 1];
+    const bool stable = label_grown(n, pos, outside, label, moves);
+    if (!stable) recall_or_label_set(n);
+    steps_->add(form_[n - 1], key, stable ? form_[n] : -1, moves, stable ? n + 1 : 0);
+    return;
+  }
+  const int grown = s->form;
+  if (grown < 0) {
     recall_or_label_set(n);  // known not to be stable: label the set itself
     return;
   }
-  std::uint8_t moves[MAX_GROWN_VERTICES + 1];
-  if (label_grown(n, pos, outside, label, moves)) {
-    memo_.add_step(form_[n - 1], key, form_[n], moves, n + 1);
-  } else {
-    recall_or_label_set(n);
-    memo_.add_step(form_[n - 1], key, -1, moves, 0);
+  form_[n] = grown;
+  stable_[n] = 1;
+  // The rows of the largest sets are never read: nothing grows from them.
+  if (n < maxdepth_) {
+    const std::uint8_t* moves = s->moves_of(n + 1);
+    for (int k = 0; k < n; ++k) child[moves[1 + k]] = parent[k];
+    child[moves[0]] = outside;
   }
 }
 

@@ -11,8 +11,9 @@
 // exactly as inserting every fragment into the table one by one does.
 //
 // A counter searches one compound at a time; what it learns about forms
-// across compounds lies in its StepMemo (step_memo.h) and in the FormStore
-// (form_store.h) it may share with counters on other threads.
+// across compounds lies in its StepMemo (step_memo.h), and in the step
+// tables (step_tables.h) and the FormStore (form_store.h) it may share with
+// counters on other threads.
 #pragma once
 
 #include <memory>
@@ -21,6 +22,7 @@
 #include "canon/canon.h"
 #include "enumerate/form_store.h"
 #include "enumerate/step_memo.h"
+#include "enumerate/step_tables.h"
 #include "enumerate/tree_freq.h"
 #include "graph/graph.h"
 #include "table/table.h"
@@ -37,9 +39,12 @@ class FragmentCounter {
   // type code: 1 every fragment, 2 those with an atom of three or more of
   // their bonds, 3 the others. Forms go to `store`, which counters on other
   // threads may share; without one the counter keeps a store of its own.
-  // memo_limit bounds the bytes of the memo (0: the memo's own bounds);
+  // Growth steps go to `steps`, which counters of the same store may share;
+  // without it the counter keeps tables of its own. memo_limit bounds the
+  // bytes of what the counter keeps of its own (0: the memo's own bounds);
   // once it is reached nothing new is remembered and memo_full() says so.
-  FragmentCounter(int lmin, int lmax, int opt, FormStore* store = nullptr, std::size_t memo_limit = 0);
+  FragmentCounter(int lmin, int lmax, int opt, FormStore* store = nullptr, std::size_t memo_limit = 0,
+                  StepTables* steps = nullptr);
 
   // Appends the compound's entries for every length from lmin to lmax, in
   // ascending length, each length's distinct forms in order of first
@@ -53,13 +58,15 @@ class FragmentCounter {
   // The longest length with a fragment counted so far (0 for none).
   int longest() const { return longest_; }
   const FormStore& store() const { return *store_; }
-  // The memo refused to remember something for want of room: a caller that
-  // bounds memory has it forget.
-  bool memo_full() const { return memo_.full(); }
-  // Forgets every step and labelled graph, keeping the room they took: a
-  // fresh memo in the same memory, so that memory does not fragment across
-  // generations of memos.
-  void forget() { memo_.forget(); }
+  // What the counter keeps of its own refused something for want of room:
+  // a caller that bounds memory has it forget (shared step tables are the
+  // caller's to forget).
+  bool memo_full() const { return memo_.full() || (own_steps_ && own_steps_->full()); }
+  // Forgets every labelled graph, and every step of tables of its own.
+  void forget() {
+    memo_.forget();
+    if (own_steps_) own_steps_->forget();
+  }
 
  private:
   void visit(int n);
@@ -79,6 +86,8 @@ class FragmentCounter {
   int lmin_, lmax_, opt_;
   std::unique_ptr<FormStore> own_store_;
   FormStore* store_;
+  std::unique_ptr<StepTables> own_steps_;
+  StepTables* steps_;
   StepMemo memo_;
   long long fragments_ = 0;
   int longest_ = 0;

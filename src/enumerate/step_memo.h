@@ -10,7 +10,8 @@
 // position of the atom the bond starts from and the labels of the bond and the
 // new atom: a growth step. The search keeps, for every set on its path, its
 // form and the compound atom at each canonical position, and looks the grown
-// set's step up here instead of building and labelling the set.
+// set's step up (in the step tables, step_tables.h, keyed as below) instead
+// of building and labelling the set.
 //
 // A first bond's form is fixed by the labels of its atoms and bond, and is
 // remembered by them. Sets off the grown path (grown from a form that is not
@@ -19,12 +20,11 @@
 // function of it; so are sets whose step leads to a form that is not stable
 // (a cell of five or more equal vertices, decided by a search whose result
 // may depend on the numbering): such forms always come from the exact
-// fragment graph.
+// fragment graph. Those two a counter remembers here, for itself.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -34,9 +34,6 @@
 // Sets of up to this many atoms grow along the search path; positions are
 // kept in bytes, and a step key holds the position in its bits 24 to 30.
 constexpr int MAX_GROWN_VERTICES = 19;
-// Grown forms of up to this many atoms keep their moves inside the bucket;
-// larger ones keep them apart (StepMemo::long_moves_).
-constexpr int INLINE_MOVES = 8;
 
 // A step key: the smaller form's position, then the bond label, then the new
 // atom's label, with STEP_USED set in the tables.
@@ -75,23 +72,18 @@ inline std::uint64_t first_bond_key(int lower_atom_label, int higher_atom_label,
          static_cast<std::uint64_t>(bond_label);
 }
 
-// One growth step out of a form, keyed by step_key with STEP_USED set; a key
-// of 0 marks an empty bucket. It leads to the grown form (-1: not stable,
-// label the set itself) and its moves: the new atom's position, then the
-// grown form's position of every position of the smaller form. 16 bytes, so
-// four share a cache line. A first bond's step has the form of the bond and
-// in moves[0] the position of its lower-numbered atom.
-struct alignas(16) StepBucket {
-  std::uint32_t key = 0;
-  std::int32_t form = -1;
-  std::uint8_t moves[INLINE_MOVES] = {};  // or the offset into the long moves
-};
+// The home bucket of a step key in a table of mask + 1 buckets: every bit of
+// the key reaches the low bits the small tables use.
+inline std::size_t step_home(std::uint32_t key, std::uint32_t mask) {
+  std::uint32_t h = (key ^ (key >> 16)) * 0x45d9f3bu;
+  h ^= h >> 16;
+  return h & mask;
+}
 
-// Where a form's growth steps are: open addressing over the buckets
-// start .. start + mask of the pool.
-struct StepTable {
-  std::int32_t start = -1;  // -1: no step out of this form yet
-  std::uint32_t mask = 0;
+// A first bond's form, and the position of its lower-numbered atom.
+struct FirstBond {
+  int form = -1;
+  int lower_position = 0;
 };
 
 // A fragment graph labelled before: its form and, for a stable form, where
@@ -104,42 +96,16 @@ struct LabelledGraph {
 // The bytes a fragment graph is remembered by (vs, vl, e, el).
 void labelled_graph_key(const Graph& fragment, std::vector<int>& scratch, std::string& key);
 
-// What one counter remembers. The per-form arrays are indexed by the run's
-// form indices (see form_store.h) and grow as the counter meets higher ones.
-// Past its bounds the memo still answers lookups but remembers nothing new,
-// and says it is full.
+// What one counter remembers besides growth steps, which lie in step
+// tables that counters may share (step_tables.h). Past its bound the memo
+// still answers lookups but remembers nothing new, and says it is full.
 class StepMemo {
  public:
   // byte_limit bounds the bytes of the memo (0: the memo's own bounds).
   explicit StepMemo(std::size_t byte_limit);
 
-  // The per-form arrays reach at least `forms` forms.
-  void reach(std::size_t forms);
-
-  // The step out of form by key, or null when none is known.
-  const StepBucket* find_step(int form, std::uint32_t key) const {
-    const StepTable& table = tables_[form];
-    if (table.start < 0) return nullptr;
-    key |= STEP_USED;
-    const StepBucket* buckets = &pool_[table.start];
-    for (std::size_t b = step_home(key, table.mask);; b = (b + 1) & table.mask) {
-      if (buckets[b].key == key) return &buckets[b];
-      if (buckets[b].key == 0) return nullptr;
-    }
-  }
-  // The moves of a step whose grown form has `atoms` atoms.
-  const std::uint8_t* moves_of(const StepBucket& s, int atoms) const {
-    if (atoms <= INLINE_MOVES) return s.moves;
-    std::uint32_t at;
-    std::memcpy(&at, s.moves, sizeof at);
-    return &long_moves_[at];
-  }
-  // Remembers the step out of form by key to grown (-1: not stable) with
-  // nmoves moves.
-  void add_step(int form, std::uint32_t key, int grown, const std::uint8_t* moves, int nmoves);
-
   // The step of the first bond known by first_bond_key, or null.
-  const StepBucket* find_first_bond(std::uint64_t key) const {
+  const FirstBond* find_first_bond(std::uint64_t key) const {
     const auto it = first_bonds_.find(key);
     return it == first_bonds_.end() ? nullptr : &it->second;
   }
@@ -161,30 +127,11 @@ class StepMemo {
 
   // The memo refused to remember something for want of room.
   bool full() const { return full_; }
-  // Forgets every step and labelled graph, keeping the room they took.
+  // Forgets every first bond and labelled graph.
   void forget();
 
  private:
-  // Every bit of the key reaches the low bits the small tables use.
-  static std::size_t step_home(std::uint32_t key, std::uint32_t mask) {
-    std::uint32_t h = (key ^ (key >> 16)) * 0x45d9f3bu;
-    h ^= h >> 16;
-    return h & mask;
-  }
-
-  // Per form: its step table and the steps in it.
-  std::vector<StepTable> tables_;
-  std::vector<std::uint32_t> steps_used_;
-
-  // Every form's step buckets; a form whose table fills up moves to a table
-  // twice the size, and the tables it leaves are reused (free_tables_, by
-  // log2 of their size). A search tries every bond around one set before
-  // moving on, so its lookups stay within its form's few buckets.
-  std::vector<StepBucket> pool_;
-  std::vector<std::vector<std::uint32_t>> free_tables_;
-  std::vector<std::uint8_t> long_moves_;
-
-  std::unordered_map<std::uint64_t, StepBucket> first_bonds_;
+  std::unordered_map<std::uint64_t, FirstBond> first_bonds_;
 
   // Fragment graphs already labelled, by labelled_graph_key, and the
   // canonical orders of the stable ones.
@@ -192,7 +139,6 @@ class StepMemo {
   std::vector<std::uint8_t> orders_;
   std::size_t labelled_bytes_ = 0;
 
-  std::size_t max_pool_;  // step buckets
   std::size_t max_labelled_bytes_;
   bool full_ = false;
 };

@@ -7,12 +7,16 @@
 
 #include "common/parallel.h"
 #include "common/progress.h"
+#include "common/thread_team.h"
+#include "common/write_behind.h"
 
 namespace {
 
 // Batches of compounds (as the count merged them) formatted at a time: enough
 // to share out among threads, few enough that the lines stay a few megabytes.
 constexpr std::size_t ROW_WINDOW = 64;
+// Batches a thread formats at a time.
+constexpr std::size_t ROW_CHUNK = 4;
 
 // Lines in a buffer that only grows, so that room is not cleared line by line.
 struct Lines {
@@ -44,6 +48,52 @@ void append_line(const std::string& name, const DescriptorPairs& pairs, Lines& o
 
 }  // namespace
 
+namespace {
+
+void write_rows(std::FILE* out, CountedRun& run, const Numbering& numbering, int threads) {
+  Progress progress;  // a line on standard error, only when it is a terminal
+  progress_start_writing(progress, run.compounds);
+  ThreadTeam team(threads);
+  std::vector<RowReader> readers(team.size());
+  // Two sets of lines take turns: one is written while the other is filled.
+  std::vector<Lines> lines[2];
+  int turn = 0;
+  WriteBehind writer(out, team.size() > 1);
+  std::vector<int> rows;
+  int written = 0;
+  const std::size_t batches = run.batch_start.size();
+  for (std::size_t first = 0; first < batches; first += ROW_WINDOW) {
+    const std::size_t last = std::min(batches, first + ROW_WINDOW);
+    const int chunks = static_cast<int>((last - first + ROW_CHUNK - 1) / ROW_CHUNK);
+    std::vector<Lines>& filled = lines[turn];
+    turn ^= 1;
+    if (filled.size() < static_cast<std::size_t>(chunks)) filled.resize(chunks);
+    rows.assign(chunks, 0);
+    team.run_chunks(chunks, [&](int c, int t) {
+      RowReader& reader = readers[t];
+      start_batch_rows(run, first + c * ROW_CHUNK, std::min(last, first + (c + 1) * ROW_CHUNK), reader);
+      std::string name;
+      DescriptorPairs pairs;
+      filled[c].used = 0;
+      while (next_row(reader, numbering, name, pairs)) {
+        append_line(name, pairs, filled[c]);
+        ++rows[c];
+      }
+    });
+    std::vector<std::string_view> pieces;
+    for (int c = 0; c < chunks; ++c) {
+      pieces.emplace_back(filled[c].bytes.data(), filled[c].used);
+      written += rows[c];
+    }
+    writer.write(std::move(pieces));
+    progress_update(progress, written, 0);
+  }
+  writer.wait();
+  progress_finish(progress);
+}
+
+}  // namespace
+
 void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const Numbering& numbering, int threads) {
   // Megabytes of lines: fewer, larger writes. glibc takes the size only
   // together with a buffer, and the buffer must outlive the stream.
@@ -52,36 +102,13 @@ void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const N
   FilePtr out = open_file(path, "w");
   std::setvbuf(out.get(), buffer.data(), _IOFBF, buffer.size());
   std::fputs("Descriptors generated : writing id and frequency files\n", stdout);
-  Progress progress;  // a line on standard error, only when it is a terminal
-  progress_start_writing(progress, run.compounds);
-  threads = std::max(threads, 1);
-  std::vector<RowReader> readers(threads);
-  std::vector<Lines> lines(threads);
-  std::vector<int> rows(threads);
-  int written = 0;
-  const std::size_t batches = run.batch_start.size();
-  for (std::size_t first = 0; first < batches; first += ROW_WINDOW) {
-    const std::size_t last = std::min(batches, first + ROW_WINDOW);
-    const int parts = static_cast<int>(std::clamp<std::size_t>((last - first) / 4, 1, threads));
-    run_parts(parts, [&](int p) {
-      const std::size_t from = first + (last - first) * p / parts, to = first + (last - first) * (p + 1) / parts;
-      RowReader& reader = readers[p];
-      start_batch_rows(run, from, to, reader);
-      std::string name;
-      DescriptorPairs pairs;
-      lines[p].used = 0;
-      rows[p] = 0;
-      while (next_row(reader, numbering, name, pairs)) {
-        append_line(name, pairs, lines[p]);
-        ++rows[p];
-      }
-    });
-    for (int p = 0; p < parts; ++p) {
-      std::fwrite(lines[p].bytes.data(), 1, lines[p].used, out.get());
-      written += rows[p];
-    }
-    progress_update(progress, written, 0);
+  try {
+    // A failure waits for the lines handed over to be written.
+    RaiseFailures raise;
+    write_rows(out.get(), run, numbering, threads);
+  } catch (const Failure& f) {
+    if (f.on_stderr) fatal_error_on_stderr(f.message);
+    fatal_error(f.message);
   }
-  progress_finish(progress);
   close_written(out, path);
 }

@@ -1,12 +1,21 @@
 // Runs on several threads, and with every compound's entries forced through
 // the temporary file, against the same run on one thread, where the golden
-// runs do not reach: output in several windows, refused input, and the thread
-// count's own refusals. Random sets on several threads are compared with the
-// plain path in count_test.cpp.
+// runs do not reach: output in several windows, lost writes, refused input,
+// and the thread count's own refusals; and the growth steps threads share.
+// Random sets on several threads are compared with the plain path in
+// count_test.cpp.
 #include <gtest/gtest.h>
 
-#include <sstream>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include "enumerate/step_tables.h"
 #include "support/process.h"
 
 namespace {
@@ -57,6 +66,70 @@ TEST(threads, output_formatted_in_windows_joins_in_order) {
   ASSERT_NE(one.result.out.find("value of k = 20479\n"), std::string::npos) << one.result.out;
   for (const auto& env : several) expect_same(one, run_with(args, dir, env), env[0]);
   remove_tree(dir);
+}
+
+// A write that fails behind the formatting is reported as one thread
+// reports it: after the lines of the lengths written, with the reason.
+TEST(threads, a_write_lost_behind_the_formatting_is_reported_as_on_one_thread) {
+  const std::string dir = make_temp_dir();
+  write_file(dir + "/nci5k.sdf", unxz(std::string(TAVRIX_TEST_DATA) + "/../../bench/data/nci5k.sdf.xz"));
+  for (const char* file : {"/run_frag.sdf", "/run.out"}) {
+    ASSERT_EQ(symlink("/dev/full", (dir + file).c_str()), 0);
+    const std::vector<std::string> args = {"-lmax", "4", "-ofile", "run", "nci5k.sdf"};
+    const RunResult one = run_tavrix(args, dir, {"TAVRIX_THREADS=1"});
+    EXPECT_EQ(one.status, 1);
+    EXPECT_TRUE(one.out.ends_with(std::string("'") + (file + 1) + "': No space left on device\n")) << one.out;
+    const RunResult three = run_tavrix(args, dir, {"TAVRIX_THREADS=3"});
+    EXPECT_EQ(three.status, 1);
+    EXPECT_EQ(three.out, one.out);
+    std::remove((dir + file).c_str());
+  }
+  remove_tree(dir);
+}
+
+// Step tables that one thread fills while others look steps up: a step
+// found is the step added, whatever thread added it and however its form's
+// table grew meanwhile; once every thread is done, every step is found.
+TEST(threads, step_tables_shared_by_threads_give_every_step_as_added) {
+  StepTables tables(std::size_t{64} << 20);
+  constexpr int THREADS = 4, FORMS = 300, STEPS = 40;
+  // Step s of form f leads to form f * STEPS + s, its moves made from both.
+  auto moves_of = [](int f, int s, std::uint8_t* moves) {
+    for (int k = 0; k < MAX_GROWN_VERTICES; ++k) moves[k] = static_cast<std::uint8_t>(f + s + k);
+  };
+  auto atoms_of = [](int s) { return 2 + s % (MAX_GROWN_VERTICES - 1); };
+  auto check = [&](int f, int s, const StepBucket* b) {
+    if (b == nullptr) return true;
+    std::uint8_t moves[MAX_GROWN_VERTICES];
+    moves_of(f, s, moves);
+    return b->form == f * STEPS + s && std::equal(moves, moves + atoms_of(s), b->moves_of(atoms_of(s)));
+  };
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < THREADS; ++t)
+    threads.emplace_back([&, t] {
+      std::mt19937 rng(t);
+      for (int k = 0; k < FORMS * STEPS; ++k) {
+        const int f = static_cast<int>(rng() % FORMS), s = static_cast<int>(rng() % STEPS);
+        const std::uint32_t key = step_key(s % 7, s / 7, f % 5);
+        if (!check(f, s, tables.find(f, key))) ++wrong;
+        std::uint8_t moves[MAX_GROWN_VERTICES];
+        moves_of(f, s, moves);
+        tables.add(f, key, f * STEPS + s, moves, atoms_of(s));
+      }
+    });
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(wrong.load(), 0);
+  int missing = 0;
+  std::mt19937 rng(0);
+  for (int k = 0; k < FORMS * STEPS; ++k) {
+    const int f = static_cast<int>(rng() % FORMS), s = static_cast<int>(rng() % STEPS);
+    const StepBucket* b = tables.find(f, step_key(s % 7, s / 7, f % 5));
+    if (b == nullptr) ++missing;
+    else if (!check(f, s, b)) ++wrong;
+  }
+  EXPECT_EQ(missing, 0);
+  EXPECT_EQ(wrong.load(), 0);
 }
 
 TEST(threads, the_first_refused_compound_in_input_order_is_reported) {
