@@ -31,10 +31,13 @@ int run(int argc, char** argv) {
   options.spill_limit = spill_limit_to_use();
   options.spill_directory = stem_folder(settings.outfstem);
   options.progress = true;
-  // Fewer, larger writes for the tens of megabytes of structure records.
-  // glibc takes the size only together with a buffer, and the buffer must
-  // outlive the stream (declared first, it is released after the close).
-  std::vector<char> structure_buffer(1 << 20);
+  // Records come in chunks of hundreds of kilobytes, and glibc writes the
+  // whole buffer-sized blocks of a chunk straight from it, copying only the
+  // rest into the buffer: a buffer of 64 KB copies little and still writes
+  // in large blocks. glibc takes the size only together with a buffer, and
+  // the buffer must outlive the stream (declared first, it is released
+  // after the close).
+  std::vector<char> structure_buffer(OUTPUT_BUFFER_BYTES);
   const std::string structure_name = settings.outfstem + "_frag.sdf";
   FilePtr structure = open_file(structure_name, "w");
   std::setvbuf(structure.get(), structure_buffer.data(), _IOFBF, structure_buffer.size());

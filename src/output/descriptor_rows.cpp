@@ -95,9 +95,10 @@ void write_rows(std::FILE* out, CountedRun& run, const Numbering& numbering, int
 }  // namespace
 
 void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const Numbering& numbering, int threads) {
-  // Megabytes of lines: fewer, larger writes. glibc takes the size only
-  // together with a buffer, and the buffer must outlive the stream.
-  std::vector<char> buffer(1 << 20);
+  // Lines come in chunks of hundreds of kilobytes (see the structure file's
+  // buffer in the driver). glibc takes the size only together with a
+  // buffer, and the buffer must outlive the stream.
+  std::vector<char> buffer(OUTPUT_BUFFER_BYTES);
   const std::string path = outfstem + ".out";
   FilePtr out = open_file(path, "w");
   std::setvbuf(out.get(), buffer.data(), _IOFBF, buffer.size());

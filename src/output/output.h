@@ -25,6 +25,10 @@ inline void write_mol2_fragment(int id, const Graph& g, const LabelDictionary& d
   write_mol2_fragment(id, view_of(g), dict, stream);
 }
 
+// The stream buffer of the output files, which receive records and lines in
+// chunks of hundreds of kilobytes.
+constexpr std::size_t OUTPUT_BUFFER_BYTES = std::size_t{64} << 10;
+
 // Writes outfstem + ".out" from the counted compounds: one line per compound
 // with its descriptor numbers and counts, formatted on up to `threads` threads.
 void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const Numbering& numbering, int threads = 1);

@@ -17,6 +17,7 @@
 
 #include "command_line.h"
 #include "common/common.h"
+#include "common/huge_pages.h"
 #include "count/count.h"
 #include "input/input.h"
 #include "settings/settings.h"
@@ -191,6 +192,7 @@ int apply_and_report(const RunSettings& settings, const std::string& structure_f
 }  // namespace
 
 int main(int argc, char** argv) {
+  prefer_huge_pages(argv);
   RunSettings settings;
   bool stem_given = false;
   auto flag = [](bool& on) {
