@@ -1,6 +1,7 @@
 // Starting again with huge pages; see huge_pages.h.
 #include "common/huge_pages.h"
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -22,6 +23,7 @@ bool huge_pages_on_request() {
 }  // namespace
 
 void prefer_huge_pages(char** argv) {
+  mallopt(M_ARENA_MAX, 1);
   const char* tunables = std::getenv("GLIBC_TUNABLES");
   if (tunables != nullptr && std::strstr(tunables, TUNABLE) != nullptr) return;
   if (!huge_pages_on_request()) return;

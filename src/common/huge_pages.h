@@ -12,4 +12,11 @@
 // glibc.malloc.hugetlb=0 keeps the program from starting again, under a
 // profiler for one), when the system gives huge pages to every program or
 // to none, or when the program cannot be started again.
+//
+// It also keeps every thread on one heap. Workers allocate seldom once
+// started (their buffers are reused), so they hardly wait for each other,
+// whereas heaps of their own, each taking huge pages for a few buffers, made
+// two threads on nci5k take 0.43 s instead of 0.35 s (17 s instead of 13 s
+// on 100,000 compounds, tavrix-apply 0.45 s instead of 0.33 s); without huge
+// pages one heap or several make no difference.
 void prefer_huge_pages(char** argv);
