@@ -1226,8 +1226,8 @@ bool SpaceLookups::find(int d) {
 }
 
 SpaceMatcher::SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& dict, FormStore& store,
-                           SpaceLookups& lookups, std::size_t memo_limit)
-    : space_(space), store_(store), lookups_(lookups), memo_limit_(memo_limit) {
+                           SpaceLookups& lookups, std::size_t memo_limit, StepTables* steps)
+    : space_(space), store_(store), lookups_(lookups), memo_limit_(memo_limit), steps_(steps) {
   // The input's label numbers in the space's: a label the space lacks leaves
   // every fragment that holds it outside.
   atom_index_.assign(dict.vertex_labels.count, -1);
@@ -1315,7 +1315,7 @@ void SpaceMatcher::match(const Graph* compounds, int n, int first, DescriptorPai
     // in the same memory: the forms it made stay in the store under their
     // numbers, and so do the lookups made for them.
     if (!counter_)
-      counter_ = std::make_unique<FragmentCounter>(space_.shortest, space_.longest, 1, &store_, memo_limit_);
+      counter_ = std::make_unique<FragmentCounter>(space_.shortest, space_.longest, 1, &store_, memo_limit_, steps_);
     else if (counter_->memo_full())
       counter_->forget();
     counter_->count_compound(compounds[k], first + k, entries_);
@@ -1380,9 +1380,11 @@ namespace {
 // and the workers stay evenly busy to the end.
 constexpr int APPLY_BATCH = 32;
 // The memory of the matchers' counters, as a run has it for its counters: a
-// share of the budget each, at least the floor.
+// share of the budget each, at least the floor, besides the growth steps
+// they share.
 constexpr std::size_t MEMO_BUDGET = std::size_t{96} << 20;
 constexpr std::size_t MEMO_FLOOR = std::size_t{32} << 20;
+constexpr std::size_t STEP_TABLES_BUDGET = std::size_t{64} << 20;
 
 struct ApplyBatch : TaskPool::Task {
   std::vector<std::unique_ptr<SpaceMatcher>>* matchers = nullptr;
@@ -1428,9 +1430,11 @@ void apply_space(const DescriptorSpace& space, const LabelDictionary& dict, cons
   // No more threads than batches, where the compounds are known.
   threads = std::max(threads, 1);
   if (compounds > 0) threads = std::min(threads, (compounds + APPLY_BATCH - 1) / APPLY_BATCH);
-  // One store of forms for every matcher. Each counter's memory is bounded
-  // as a run bounds its counters'.
+  // One store of forms and one memory of growth steps for every matcher,
+  // as in a run. Each counter's own memory is bounded as a run bounds its
+  // counters'.
   FormStore store;
+  StepTables steps(STEP_TABLES_BUDGET);
   SpaceLookups lookups(space.size());
   std::vector<std::unique_ptr<SpaceMatcher>> matchers;
   std::vector<char> broken;
@@ -1441,7 +1445,7 @@ void apply_space(const DescriptorSpace& space, const LabelDictionary& dict, cons
     std::unique_ptr<TaskPool> pool = make_pool(threads);
     const std::size_t memo_limit = std::max(MEMO_FLOOR, MEMO_BUDGET / static_cast<std::size_t>(threads));
     for (int t = 0; t < threads; ++t)
-      matchers.push_back(std::make_unique<SpaceMatcher>(space, dict, store, lookups, memo_limit));
+      matchers.push_back(std::make_unique<SpaceMatcher>(space, dict, store, lookups, memo_limit, &steps));
     broken.assign(threads, 0);
     const std::size_t limit = threads > 1 ? 4 * static_cast<std::size_t>(threads) : 1;
     bool input_done = false, input_failed = false;
@@ -1449,6 +1453,11 @@ void apply_space(const DescriptorSpace& space, const LabelDictionary& dict, cons
     int next_index = 0;
     while (true) {
       while (!input_done && in_flight.size() < limit) {
+        if (steps.full()) {
+          // Forgotten only once no batch is being matched.
+          if (!in_flight.empty()) break;
+          steps.forget();
+        }
         std::unique_ptr<ApplyBatch> b;
         if (!spare.empty()) {
           b = std::move(spare.front());

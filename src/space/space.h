@@ -190,9 +190,10 @@ class SpaceMatcher {
  public:
   // memo_limit bounds the memory of the matcher's counter, which forgets
   // and starts afresh once it is full (the forms stay in the store); 0 for
-  // the counter's own bound.
+  // the counter's own bound. Matchers on several threads may share their
+  // growth steps through `steps` (whose owner forgets them when full).
   SpaceMatcher(const DescriptorSpace& space, const LabelDictionary& dict, FormStore& store, SpaceLookups& lookups,
-               std::size_t memo_limit = 0);
+               std::size_t memo_limit = 0, StepTables* steps = nullptr);
   // The descriptors of the n compounds, into pairs[0 .. n - 1], searching
   // the lengths from the shortest to the longest fragment of the space. The
   // compounds are numbered first, first + 1, ..., each number used once.
@@ -215,6 +216,7 @@ class SpaceMatcher {
   FormStore& store_;
   SpaceLookups& lookups_;
   std::size_t memo_limit_;
+  StepTables* steps_;
   std::unique_ptr<FragmentCounter> counter_;
   std::vector<FormCount> entries_;     // scratch: the compounds' entries, one after the other
   std::vector<std::size_t> ends_;      // scratch: where each compound's entries end
