@@ -8,10 +8,13 @@
 // program (transparent huge pages in "madvise" mode), glibc's malloc asks
 // for them only when the tunable glibc.malloc.hugetlb is in the environment
 // at start, so the program starts itself again once, the same way, with it
-// set. Nothing is done when the tunable is set already (GLIBC_TUNABLES=
-// glibc.malloc.hugetlb=0 keeps the program from starting again, under a
-// profiler for one), when the system gives huge pages to every program or
-// to none, or when the program cannot be started again.
+// set (and TAVRIX_STARTED_WITH_HUGE_PAGES, which keeps it from starting a
+// third time). Nothing is done when the tunable is set already
+// (GLIBC_TUNABLES=glibc.malloc.hugetlb=0 keeps the program from starting
+// again, under a profiler for one), when the system gives huge pages to
+// every program or to none, when glibc is older than the tunable, or when
+// the program cannot be started again as itself (run through the loader by
+// name, or in secure execution).
 //
 // It also keeps every thread on one heap. Workers allocate seldom once
 // started (their buffers are reused), so they hardly wait for each other,

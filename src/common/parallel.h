@@ -2,8 +2,6 @@
 // on threads of their own, all joined before returning.
 #pragma once
 
-#include <algorithm>
-#include <atomic>
 #include <exception>
 #include <new>
 #include <thread>
@@ -69,27 +67,5 @@ void run_parts(int parts, const Work& work) {
   guarded(0);
   for (int p = started; p < parts; ++p) guarded(p);
   for (std::thread& t : threads) t.join();
-  report_outcomes(outcome);
-}
-
-// Runs work(c, t) for every chunk c in 0 .. chunks - 1 on up to `threads`
-// threads t (0 .. threads - 1, one chunk at a time on each, so that t may
-// name the thread's own scratch), each taking the next chunk not yet taken:
-// a thread that runs
-// faster (its core less busy, or quicker) takes more, and none holds the
-// others up with an even share it cannot finish as soon. A failure is
-// reported once every thread has ended, the lowest chunk's first.
-template <class Work>
-void run_chunks(int threads, int chunks, const Work& work) {
-  if (threads <= 1 || chunks <= 1) {
-    for (int c = 0; c < chunks; ++c) work(c, 0);
-    return;
-  }
-  std::vector<PartOutcome> outcome(chunks);
-  std::atomic<int> next{0};
-  run_parts(std::min(threads, chunks), [&](int t) {
-    for (int c; (c = next.fetch_add(1, std::memory_order_relaxed)) < chunks;)
-      run_guarded(outcome[c], [&] { work(c, t); });
-  });
   report_outcomes(outcome);
 }

@@ -59,8 +59,9 @@ void ThreadTeam::serve(int thread) {
   std::uint64_t seen = 0;
   for (;;) {
     const auto until = std::chrono::steady_clock::now() + AWAKE;
-    while (job_.load(std::memory_order_acquire) == seen && std::chrono::steady_clock::now() < until) {
-    }
+    // Awake, but giving way to any other thread ready to run.
+    while (job_.load(std::memory_order_acquire) == seen && std::chrono::steady_clock::now() < until)
+      std::this_thread::yield();
     {
       std::unique_lock<std::mutex> lock(mutex_);
       wake_.wait(lock, [&] { return stop_ || job_.load(std::memory_order_relaxed) != seen; });

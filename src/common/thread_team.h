@@ -29,8 +29,14 @@ class ThreadTeam {
   // Threads of the team, the caller's included.
   int size() const { return static_cast<int>(threads_.size()) + 1; }
 
-  // As run_chunks (parallel.h) on the team's threads, the caller's being
-  // thread 0.
+  // Runs work(c, t) for every chunk c in 0 .. chunks - 1 on the team's
+  // threads t (the caller's is 0; one chunk at a time on each, so that t may
+  // name the thread's own scratch), each taking the next chunk not yet
+  // taken: a thread that runs faster (its processor less busy, or quicker)
+  // takes more, and none holds the others up with an even share it cannot
+  // finish as soon. A failure is reported once every thread is done with
+  // the job, the lowest chunk's first, as run_parts (parallel.h) reports
+  // one.
   template <class Work>
   void run_chunks(int chunks, const Work& work) {
     if (threads_.empty() || chunks <= 1) {

@@ -384,6 +384,10 @@ struct RecordWriter {
   std::vector<std::string> chunks[2];
   int turn = 0;
 
+  // However the numbering ends, the writer is done with the chunks before
+  // they go.
+  ~RecordWriter() { writer.wait(); }
+
   void write(const std::vector<int>& forms, Progress& progress, int numbered_before) {
     for (std::size_t from = 0; from < forms.size(); from += RECORD_WINDOW) {
       const std::size_t to = std::min(forms.size(), from + RECORD_WINDOW);
@@ -427,7 +431,8 @@ void number_lengths(const CountedRun& run, const RunSettings& settings, const La
   create_occupancy(occupancy);
   std::vector<std::pair<int, int>> placed;  // (slot, form)
   std::vector<int> described;               // forms of this length that are descriptors, in slot order
-  ThreadTeam team(structure != nullptr ? threads : 1);
+  // No more threads than a window has chunks.
+  ThreadTeam team(structure != nullptr ? std::min<int>(threads, RECORD_WINDOW / RECORD_CHUNK) : 1);
   WriteBehind writer(structure, threads > 1);
   RecordWriter records{run, numbering, settings.mol2input, dict, team, writer, {}, 0};
   // The line on a terminal counts the fragments numbered, which the lines of

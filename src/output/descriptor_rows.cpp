@@ -53,7 +53,8 @@ namespace {
 void write_rows(std::FILE* out, CountedRun& run, const Numbering& numbering, int threads) {
   Progress progress;  // a line on standard error, only when it is a terminal
   progress_start_writing(progress, run.compounds);
-  ThreadTeam team(threads);
+  // No more threads than a window has chunks.
+  ThreadTeam team(std::min<int>(threads, ROW_WINDOW / ROW_CHUNK));
   std::vector<RowReader> readers(team.size());
   // Two sets of lines take turns: one is written while the other is filled.
   std::vector<Lines> lines[2];
@@ -88,8 +89,9 @@ void write_rows(std::FILE* out, CountedRun& run, const Numbering& numbering, int
     writer.write(std::move(pieces));
     progress_update(progress, written, 0);
   }
-  writer.wait();
   progress_finish(progress);
+  // Last, so that errno holds the reason of a failed write for the close.
+  writer.wait();
 }
 
 }  // namespace
