@@ -15,10 +15,9 @@ constexpr std::uint32_t FIRST_TABLE = 4;
 
 StepTables::StepTables(std::size_t byte_limit)
     : limit_(byte_limit),
+      // Value-initialized, as the chunks below: every pointer null.
       chunks_(std::make_unique<std::atomic<std::atomic<Table*>*>[]>(CHUNKS)),
-      stripes_(std::make_unique<Stripe[]>(std::size_t{1} << STRIPE_BITS)) {
-  for (std::size_t c = 0; c < CHUNKS; ++c) chunks_[c].store(nullptr, std::memory_order_relaxed);
-}
+      stripes_(std::make_unique<Stripe[]>(std::size_t{1} << STRIPE_BITS)) {}
 
 StepTables::~StepTables() = default;
 
@@ -56,9 +55,7 @@ std::atomic<StepTables::Table*>* StepTables::make_slot(int form) {
   std::lock_guard<std::mutex> lock(chunk_mutex_);
   if (chunk.load(std::memory_order_relaxed) == nullptr) {
     try {
-      auto block = std::make_unique<std::atomic<Table*>[]>(CHUNK_FORMS);
-      for (std::size_t k = 0; k < CHUNK_FORMS; ++k) block[k].store(nullptr, std::memory_order_relaxed);
-      chunk_blocks_.push_back(std::move(block));
+      chunk_blocks_.push_back(std::make_unique<std::atomic<Table*>[]>(CHUNK_FORMS));
     } catch (const std::bad_alloc&) {
       full_.store(true, std::memory_order_relaxed);
       return nullptr;

@@ -64,6 +64,10 @@ TEST(threads, output_formatted_in_windows_joins_in_order) {
   const std::vector<std::string> args = {"-lmin", "6", "-lmax", "6", "-ofile", "run", "nci5k.sdf"};
   const Outcome one = run_with(args, dir, {"TAVRIX_THREADS=1"});
   ASSERT_NE(one.result.out.find("value of k = 20479\n"), std::string::npos) << one.result.out;
+  // Every window, not only the first: a line per compound, a record per
+  // descriptor.
+  EXPECT_EQ(std::count(one.descriptors.begin(), one.descriptors.end(), '\n'), 4993);
+  EXPECT_EQ(sd_records(one.structures).size(), 20479u);
   for (const auto& env : several) expect_same(one, run_with(args, dir, env), env[0]);
   remove_tree(dir);
 }
