@@ -14,10 +14,7 @@ constexpr std::uint32_t FIRST_TABLE = 4;
 }  // namespace
 
 StepTables::StepTables(std::size_t byte_limit)
-    : limit_(byte_limit),
-      // Value-initialized, as the chunks below: every pointer null.
-      chunks_(std::make_unique<std::atomic<std::atomic<Table*>*>[]>(CHUNKS)),
-      stripes_(std::make_unique<Stripe[]>(std::size_t{1} << STRIPE_BITS)) {}
+    : limit_(byte_limit), stripes_(std::make_unique<Stripe[]>(std::size_t{1} << STRIPE_BITS)) {}
 
 StepTables::~StepTables() = default;
 
@@ -50,26 +47,16 @@ std::byte* StepTables::cut(Stripe& stripe, std::size_t bytes) {
   return at;
 }
 
-std::atomic<StepTables::Table*>* StepTables::make_slot(int form) {
-  std::atomic<std::atomic<Table*>*>& chunk = chunks_[static_cast<std::size_t>(form) >> CHUNK_BITS];
-  std::lock_guard<std::mutex> lock(chunk_mutex_);
-  if (chunk.load(std::memory_order_relaxed) == nullptr) {
-    try {
-      chunk_blocks_.push_back(std::make_unique<std::atomic<Table*>[]>(CHUNK_FORMS));
-    } catch (const std::bad_alloc&) {
-      full_.store(true, std::memory_order_relaxed);
-      return nullptr;
-    }
-    chunk.store(chunk_blocks_.back().get(), std::memory_order_release);
-  }
-  return &chunk.load(std::memory_order_relaxed)[static_cast<std::size_t>(form) & (CHUNK_FORMS - 1)];
-}
-
 void StepTables::add(int form, std::uint32_t key, int grown, const std::uint8_t* moves, int nmoves) {
   TAVRIX_CHECK(nmoves <= MAX_GROWN_VERTICES);
   if (full()) return;
-  std::atomic<Table*>* slot = const_cast<std::atomic<Table*>*>(slot_of(form));
-  if (slot == nullptr && (slot = make_slot(form)) == nullptr) return;
+  std::atomic<Table*>* slot;
+  try {
+    slot = tables_.make(form);
+  } catch (const std::bad_alloc&) {
+    full_.store(true, std::memory_order_relaxed);
+    return;
+  }
   Stripe& stripe = stripes_[static_cast<std::size_t>(form) & ((std::size_t{1} << STRIPE_BITS) - 1)];
   std::lock_guard<std::mutex> lock(stripe.mutex);
   // Another counter may have added it since this one looked.
@@ -121,8 +108,7 @@ void StepTables::add(int form, std::uint32_t key, int grown, const std::uint8_t*
 }
 
 void StepTables::forget() {
-  for (auto& block : chunk_blocks_)
-    for (std::size_t k = 0; k < CHUNK_FORMS; ++k) block[k].store(nullptr, std::memory_order_relaxed);
+  tables_.reset();
   for (std::size_t s = 0; s < (std::size_t{1} << STRIPE_BITS); ++s) {
     Stripe& stripe = stripes_[s];
     stripe.blocks.clear();

@@ -29,6 +29,7 @@
 #include <mutex>
 #include <vector>
 
+#include "enumerate/form_slots.h"
 #include "enumerate/step_memo.h"
 
 // Grown forms of up to this many atoms keep their moves inside the bucket;
@@ -65,7 +66,7 @@ class StepTables {
   // The step out of form by key, or null when none is known. What it
   // points to stays as it is until forget().
   const StepBucket* find(int form, std::uint32_t key) const {
-    const std::atomic<Table*>* slot = slot_of(form);
+    const std::atomic<Table*>* slot = tables_.find(form);
     if (slot == nullptr) return nullptr;
     const Table* table = slot->load(std::memory_order_acquire);
     if (table == nullptr) return nullptr;
@@ -93,21 +94,10 @@ class StepTables {
     StepBucket* buckets() { return reinterpret_cast<StepBucket*>(this + 1); }
     const StepBucket* buckets() const { return reinterpret_cast<const StepBucket*>(this + 1); }
   };
-  // Per-form table pointers in chunks that never move, made on first use.
-  static constexpr int CHUNK_BITS = 16;
-  static constexpr std::size_t CHUNK_FORMS = std::size_t{1} << CHUNK_BITS;
-  static constexpr std::size_t CHUNKS = std::size_t{1} << (31 - CHUNK_BITS);
   static constexpr int STRIPE_BITS = 6;
   // Tables and long moves are cut from blocks of this many bytes; a larger
   // table gets a block of its own.
   static constexpr std::size_t BLOCK_BYTES = std::size_t{1} << 16;
-
-  const std::atomic<Table*>* slot_of(int form) const {
-    const std::atomic<Table*>* chunk =
-        chunks_[static_cast<std::size_t>(form) >> CHUNK_BITS].load(std::memory_order_acquire);
-    return chunk == nullptr ? nullptr : &chunk[static_cast<std::size_t>(form) & (CHUNK_FORMS - 1)];
-  }
-  std::atomic<Table*>* make_slot(int form);
 
   // Writers of forms that share a lock also share the blocks they cut
   // tables from, so adding a step takes no other lock.
@@ -122,10 +112,8 @@ class StepTables {
   std::byte* cut(Stripe& stripe, std::size_t bytes);
 
   std::size_t limit_;
-  std::unique_ptr<std::atomic<std::atomic<Table*>*>[]> chunks_;
+  FormSlots<Table*> tables_{nullptr};  // per form: its table, null for none
   std::unique_ptr<Stripe[]> stripes_;  // by form
-  std::mutex chunk_mutex_;
-  std::vector<std::unique_ptr<std::atomic<Table*>[]>> chunk_blocks_;
   std::atomic<std::size_t> bytes_{0};
   std::atomic<bool> full_{false};
 };

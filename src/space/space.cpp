@@ -1197,28 +1197,13 @@ std::string_view record_text(const DescriptorSpace& space, int d) {
 // ---- Matching ----
 
 SpaceLookups::SpaceLookups(int descriptors)
-    : chunks_(new std::atomic<std::atomic<int>*>[CHUNKS]),
-      found_(new std::atomic<std::uint8_t>[static_cast<std::size_t>(descriptors) + 1]) {
-  for (std::size_t c = 0; c < CHUNKS; ++c) chunks_[c].store(nullptr, std::memory_order_relaxed);
+    : found_(new std::atomic<std::uint8_t>[static_cast<std::size_t>(descriptors) + 1]) {
   for (int d = 0; d <= descriptors; ++d) found_[d].store(0, std::memory_order_relaxed);
 }
 
-SpaceLookups::~SpaceLookups() {
-  for (std::size_t c = 0; c < CHUNKS; ++c) delete[] chunks_[c].load(std::memory_order_relaxed);
-}
-
 bool SpaceLookups::set(int f, int d) {
-  std::atomic<std::atomic<int>*>& slot = chunks_[static_cast<std::size_t>(f) >> CHUNK_BITS];
-  std::atomic<int>* chunk = slot.load(std::memory_order_acquire);
-  if (chunk == nullptr) {
-    auto made = std::make_unique<std::atomic<int>[]>(CHUNK);
-    for (int k = 0; k < CHUNK; ++k) made[k].store(UNKNOWN, std::memory_order_relaxed);
-    // Another matcher may have made the chunk meanwhile: its chunk stays.
-    if (slot.compare_exchange_strong(chunk, made.get(), std::memory_order_acq_rel, std::memory_order_acquire))
-      chunk = made.release();
-  }
   int expected = UNKNOWN;
-  return chunk[f & (CHUNK - 1)].compare_exchange_strong(expected, d, std::memory_order_relaxed);
+  return forms_.make(f)->compare_exchange_strong(expected, d, std::memory_order_relaxed);
 }
 
 bool SpaceLookups::find(int d) {

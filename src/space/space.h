@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "count/count.h"
+#include "enumerate/form_slots.h"
 #include "enumerate/form_store.h"
 #include "enumerate/fragment_counter.h"
 #include "input/input.h"
@@ -159,15 +160,14 @@ struct ApplySummary {
 class SpaceLookups {
  public:
   explicit SpaceLookups(int descriptors);
-  ~SpaceLookups();
   SpaceLookups(const SpaceLookups&) = delete;
   SpaceLookups& operator=(const SpaceLookups&) = delete;
 
   static constexpr int UNKNOWN = -1;
   // The descriptor form f stands for, 0 for none, UNKNOWN before a lookup.
   int get(int f) const {
-    const std::atomic<int>* chunk = chunks_[static_cast<std::size_t>(f) >> CHUNK_BITS].load(std::memory_order_acquire);
-    return chunk == nullptr ? UNKNOWN : chunk[f & (CHUNK - 1)].load(std::memory_order_relaxed);
+    const std::atomic<int>* slot = forms_.find(f);
+    return slot == nullptr ? UNKNOWN : slot->load(std::memory_order_relaxed);
   }
   // Keeps what form f stands for; true for the first to keep it.
   bool set(int f, int d);
@@ -175,10 +175,7 @@ class SpaceLookups {
   bool find(int d);
 
  private:
-  static constexpr int CHUNK_BITS = 16;
-  static constexpr int CHUNK = 1 << CHUNK_BITS;
-  static constexpr std::size_t CHUNKS = std::size_t{1} << (31 - CHUNK_BITS);
-  std::unique_ptr<std::atomic<std::atomic<int>*>[]> chunks_;
+  FormSlots<int> forms_{UNKNOWN};
   std::unique_ptr<std::atomic<std::uint8_t>[]> found_;  // per descriptor, 1-based
 };
 
