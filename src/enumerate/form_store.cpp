@@ -31,7 +31,15 @@ FormStore::FormStore()
     : records_(std::make_unique<std::atomic<StoredForm*>[]>(RECORD_CHUNKS)),
       shards_(std::make_unique<Shard[]>(std::size_t{1} << SHARD_BITS)) {
   for (std::size_t c = 0; c < RECORD_CHUNKS; ++c) records_[c].store(nullptr, std::memory_order_relaxed);
-  for (std::size_t k = 0; k < (std::size_t{1} << SHARD_BITS); ++k) shards_[k].buckets.assign(64, -1);
+  for (std::size_t k = 0; k < (std::size_t{1} << SHARD_BITS); ++k) {
+    Shard& s = shards_[k];
+    s.tables.push_back(std::make_unique<Buckets>(64));
+    s.buckets.store(s.tables.back().get(), std::memory_order_release);
+  }
+}
+
+FormStore::Buckets::Buckets(std::size_t n) : mask(n - 1), slot(std::make_unique<std::atomic<std::int32_t>[]>(n)) {
+  for (std::size_t b = 0; b < n; ++b) slot[b].store(-1, std::memory_order_relaxed);
 }
 
 FormStore::~FormStore() {
@@ -44,7 +52,8 @@ std::size_t FormStore::bytes() const {
   for (std::size_t k = 0; k < (std::size_t{1} << SHARD_BITS); ++k) {
     Shard& s = shards_[k];
     std::lock_guard<std::mutex> lock(s.mutex);
-    total += s.buckets.capacity() * sizeof(std::int32_t) + s.blocks.size() * ARRAY_BLOCK * sizeof(int);
+    for (const auto& t : s.tables) total += (t->mask + 1) * sizeof(std::int32_t);
+    total += s.blocks.size() * ARRAY_BLOCK * sizeof(int);
   }
   return total;
 }
@@ -59,16 +68,26 @@ StoredForm* FormStore::record_chunk(int f) {
   return chunk;  // another thread made it first
 }
 
+// The form's index in t, or -1 with b at the empty bucket that ends its probe.
+int FormStore::find(const Buckets& t, std::uint64_t hash, const GraphView& g, std::size_t& b) const {
+  for (b = hash & t.mask;; b = (b + 1) & t.mask) {
+    const int f = t.slot[b].load(std::memory_order_acquire);
+    if (f < 0) return -1;
+    if (stored(f).hash == hash && same_arrays(view(f), g)) return f;
+  }
+}
+
 int FormStore::find_or_add(const GraphView& g) {
   const std::uint64_t hash = arrays_hash(g);
   Shard& shard = shards_[hash >> (64 - SHARD_BITS)];
+  std::size_t b;
+  int found = find(*shard.buckets.load(std::memory_order_acquire), hash, g, b);
+  if (found >= 0) return found;
   std::lock_guard<std::mutex> lock(shard.mutex);
-  std::size_t mask = shard.buckets.size() - 1;
-  std::size_t b = hash & mask;
-  for (; shard.buckets[b] >= 0; b = (b + 1) & mask) {
-    const int f = shard.buckets[b];
-    if (stored(f).hash == hash && same_arrays(view(f), g)) return f;
-  }
+  // Another thread may have added it, or grown the table, meanwhile.
+  Buckets& table = *shard.tables.back();
+  found = find(table, hash, g, b);
+  if (found >= 0) return found;
   const std::size_t ints = 2 * static_cast<std::size_t>(g.vs) + 1 + 2 * static_cast<std::size_t>(g.es);
   int* at;
   if (ints > ARRAY_BLOCK) {
@@ -100,17 +119,18 @@ int FormStore::find_or_add(const GraphView& g) {
   s.branching = false;
   for (int i = 0; i < g.vs && !s.branching; ++i) s.branching = g.v[i + 1] - g.v[i] > 2;
   s.key = compute_key(view(f));
-  shard.buckets[b] = f;
-  if (2 * static_cast<std::size_t>(++shard.forms) > shard.buckets.size()) {
-    std::vector<std::int32_t> old(2 * shard.buckets.size(), -1);
-    old.swap(shard.buckets);
-    mask = shard.buckets.size() - 1;
-    for (std::int32_t k : old) {
-      if (k < 0) continue;
-      std::size_t c = stored(k).hash & mask;
-      while (shard.buckets[c] >= 0) c = (c + 1) & mask;
-      shard.buckets[c] = k;
+  table.slot[b].store(f, std::memory_order_release);
+  if (2 * static_cast<std::size_t>(++shard.forms) > table.mask + 1) {
+    auto grown = std::make_unique<Buckets>(2 * (table.mask + 1));
+    for (std::size_t k = 0; k <= table.mask; ++k) {
+      const std::int32_t e = table.slot[k].load(std::memory_order_relaxed);
+      if (e < 0) continue;
+      std::size_t c = stored(e).hash & grown->mask;
+      while (grown->slot[c].load(std::memory_order_relaxed) >= 0) c = (c + 1) & grown->mask;
+      grown->slot[c].store(e, std::memory_order_relaxed);
     }
+    shard.buckets.store(grown.get(), std::memory_order_release);
+    shard.tables.push_back(std::move(grown));
   }
   return f;
 }

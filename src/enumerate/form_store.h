@@ -8,11 +8,13 @@
 // nothing about input order: the run orders forms by first occurrence when
 // it merges compounds in input order.
 //
-// Adding and looking up take the lock of one of many shards, chosen by the
-// form's hash, so threads seldom wait for each other. Reading a form takes
-// none: a form never moves once added, and a thread only reads forms whose
-// index it got from this store or from a thread that did (through a lock or
-// a hand-over, which orders the reads after the writing).
+// Looking up takes no lock: most lookups find a form met before, and a lock
+// written by every thread would pass its cache line from processor to
+// processor on each. Adding takes the lock of one of many shards, chosen by
+// the form's hash, so threads seldom wait for each other. A form never moves
+// once added; its index is published (a release store into the shard's
+// buckets) only after the form is written, and a thread only reads forms
+// whose index it got from this store or from a thread that did.
 #pragma once
 
 #include <cstdint>
@@ -67,9 +69,18 @@ class FormStore {
   static constexpr std::size_t ARRAY_BLOCK = std::size_t{1} << 16;
   static constexpr int SHARD_BITS = 6;
 
+  // Open addressing by the arrays' hash; -1 for an empty bucket. A full
+  // table is copied into one twice its size, published when complete; the
+  // old one stays for lookups still reading it, until the store goes.
+  struct Buckets {
+    explicit Buckets(std::size_t n);
+    std::size_t mask;
+    std::unique_ptr<std::atomic<std::int32_t>[]> slot;
+  };
   struct Shard {
-    std::mutex mutex;
-    std::vector<std::int32_t> buckets;  // open addressing by the arrays' hash; -1 for an empty bucket
+    std::mutex mutex;  // held by writers only
+    std::atomic<Buckets*> buckets{nullptr};
+    std::vector<std::unique_ptr<Buckets>> tables;  // the current one last
     int forms = 0;
     std::vector<std::unique_ptr<int[]>> blocks;
     std::size_t block_used = ARRAY_BLOCK;  // ints used in the last block
@@ -77,6 +88,7 @@ class FormStore {
   };
 
   StoredForm* record_chunk(int f);
+  int find(const Buckets& t, std::uint64_t hash, const GraphView& g, std::size_t& b) const;
 
   std::unique_ptr<std::atomic<StoredForm*>[]> records_;
   std::atomic<int> size_{0};
