@@ -1,4 +1,4 @@
-// Compound input: reads an SD or Mol2 file in three passes into one compound
+// Compound input: reads an SD or Mol2 file in two passes into one compound
 // graph per record, the label dictionary and the compound names.
 #pragma once
 
@@ -33,8 +33,9 @@ struct CompoundStream {
 };
 
 // Runs the dictionary pass (writes infile + ".dict", prints
-// "total compounds = %d"), the allocation pass and the dictionary load, and
-// leaves the graph pass ready for next_compound.
+// "total compounds = %d", then refuses a line over the tokeniser's limit
+// that only the graph pass would read) and the dictionary load, and leaves
+// the graph pass ready for next_compound.
 //
 // The dictionary file is written and read back under an advisory lock on the
 // input file, so that runs on the same input at the same time each read back

@@ -1,4 +1,4 @@
-// Pieces shared by the three passes of both readers: the line source, the
+// Pieces shared by the two passes of both readers: the line source, the
 // tokeniser, the atom label list of the dictionary pass and the record
 // references that every malformed-input message names.
 #pragma once
@@ -99,6 +99,12 @@ void tokenize_line(std::string_view line, TokenArray& tokens);
 // leaves the token array alone.
 void check_token_limit(std::string_view line, TokenArray& tokens);
 
+// A line the run holds to the tokeniser's limit only after the dictionary
+// pass: the first one over the limit is kept in refusal (when it holds no
+// message yet), to be reported once the dictionary pass is done and has
+// said what it says.
+void check_token_limit_later(std::string_view line, TokenArray& tokens, Failure& refusal);
+
 // The first space-separated token of the line is "$$$$"; the same test the
 // tokeniser makes, without its limits, for lines a pass does not tokenise.
 bool first_token_is_record_end(std::string_view line);
@@ -159,6 +165,10 @@ struct DictionaryScan {
   int label_overflow_record = -1;
   std::vector<std::string> labels;  // distinct atom labels, in order of first appearance
   int v3000_records = 0;            // SD records whose counts line says V3000
+  // The refusal of a line over the tokeniser's limit among those held to it
+  // only after this pass (SD atom lines, Mol2 bond lines); no message when
+  // there is none.
+  Failure later_refusal;
 };
 
 // The atom label list of the dictionary pass and the file it feeds, if any.
@@ -192,7 +202,6 @@ struct Mol2GraphPass;
 // ---- SD reader ----
 
 DictionaryScan scan_sd_labels(const RunSettings& settings, InputFile& input, std::FILE* dict);
-void sd_allocation_pass(const RunSettings& settings, InputFile& input, int n);
 SdGraphPass* start_sd_graph_pass(FilePtr stream);
 void end_sd_graph_pass(SdGraphPass* pass);
 // The next record into g and name; false after the last.
@@ -202,7 +211,6 @@ bool read_sd_graph(const RunSettings& settings, const InputFile& input, SdGraphP
 // ---- Mol2 reader ----
 
 DictionaryScan scan_mol2_labels(const RunSettings& settings, InputFile& input, std::FILE* dict);
-void mol2_allocation_pass(const RunSettings& settings, InputFile& input, int n);
 Mol2GraphPass* start_mol2_graph_pass(FilePtr stream);
 void end_mol2_graph_pass(Mol2GraphPass* pass);
 bool read_mol2_graph(const RunSettings& settings, const InputFile& input, Mol2GraphPass& pass,

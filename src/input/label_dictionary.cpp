@@ -152,6 +152,16 @@ void check_token_limit(std::string_view line, TokenArray& tokens) {
   if (line.size() >= 2 * static_cast<std::size_t>(MAX_TOKENS) - 1) tokenize_line(line, tokens);
 }
 
+void check_token_limit_later(std::string_view line, TokenArray& tokens, Failure& refusal) {
+  if (!refusal.message.empty() || line.size() < 2 * static_cast<std::size_t>(MAX_TOKENS) - 1) return;
+  try {
+    RaiseFailures raise;
+    tokenize_line(line, tokens);
+  } catch (const Failure& f) {
+    refusal = f;
+  }
+}
+
 bool first_token_is_record_end(std::string_view line) {
   std::size_t first = 0;
   while (first < line.size() && line[first] == ' ') ++first;
@@ -182,7 +192,9 @@ void collect_atom_label(LabelCollector& labels, std::string_view label, int reco
 }
 
 DictionaryScan finish_scan(LabelCollector& labels, int compounds) {
-  DictionaryScan scan{compounds, labels.overflow_record, {}};
+  DictionaryScan scan;
+  scan.compounds = compounds;
+  scan.label_overflow_record = labels.overflow_record;
   labels.atom_label_list.resize(labels.known);
   scan.labels = std::move(labels.atom_label_list);
   return scan;

@@ -1,7 +1,7 @@
 // Tripos Mol2 reader: molecules opened by "@<TRIPOS>MOLECULE", atoms from
-// the ATOM section, bonds from the BOND section, in three passes.
+// the ATOM section, bonds from the BOND section, in two passes.
 //
-// As in the SD reader, the dictionary and allocation passes count a
+// As in the SD reader, the dictionary pass counts a
 // malformed molecule and move on to the next marker line; only the graph
 // pass refuses it, at the point where it reads the fault, so that defined
 // messages of that molecule and of earlier ones keep their turn.
@@ -130,6 +130,7 @@ DictionaryScan scan_mol2_labels(const RunSettings& settings, InputFile& input, s
   LabelCollector labels;
   labels.dict = dict;
   int count = 0;
+  Failure later_refusal;
   for (Mol2Head h; (h = read_mol2_head(c)).end != HeadEnd::none; ++count) {
     RecordRef record{count + 1, mol2_name(h, count)};
     if (h.end == HeadEnd::complete) {
@@ -139,34 +140,18 @@ DictionaryScan scan_mol2_labels(const RunSettings& settings, InputFile& input, s
         std::string_view label;
         if (form_atom_label(tokens, settings.NoAtmLabels, label)) collect_atom_label(labels, label, count);
       }
-      if (bond_marker) c.advance();  // the bond section is passed over here
-    }
-    reach_next_molecule(c);
-  }
-  return finish_scan(labels, count);
-}
-
-// The pass that once sized every compound's arrays before the graph pass.
-// Compounds are now made one at a time as the graph pass reads them, but the
-// pass still runs: it holds every bond line to the tokeniser's limit, which
-// the dictionary pass does not, and a run refuses such a line at this point,
-// after every dictionary-pass message and before any graph-pass one.
-void mol2_allocation_pass(const RunSettings&, InputFile& input, int n) {
-  FilePtr file = open_pass(input);
-  Mol2Cursor c(file.get());
-  c.advance();
-  TokenArray tokens;
-  for (int i = 0; i < n; ++i) {
-    Mol2Head h = read_mol2_head(c);
-    if (h.end == HeadEnd::none) break;
-    if (h.end == HeadEnd::complete) {
-      bool bond_marker = false;
-      while (next_atom_line(c, bond_marker)) check_token_limit(c.in.line, tokens);
+      // Bond lines were first held to the tokeniser's limit by a pass of
+      // their own after this one; a line over it is refused as it was then,
+      // after every message of this pass.
       if (bond_marker)
-        for (c.advance(); !c.at_end && !ends_bond_section(c.in.line); c.advance()) check_token_limit(c.in.line, tokens);
+        for (c.advance(); !c.at_end && !ends_bond_section(c.in.line); c.advance())
+          check_token_limit_later(c.in.line, tokens, later_refusal);
     }
     reach_next_molecule(c);
   }
+  DictionaryScan scan = finish_scan(labels, count);
+  scan.later_refusal = std::move(later_refusal);
+  return scan;
 }
 
 struct Mol2GraphPass {

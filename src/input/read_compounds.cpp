@@ -1,5 +1,5 @@
-// The compound input entry: the three passes of the chosen reader, with the
-// label dictionary loaded between the allocation and the graph pass.
+// The compound input entry: the two passes of the chosen reader, with the
+// label dictionary loaded between them.
 #include "input/input.h"
 
 #include <fcntl.h>
@@ -64,8 +64,11 @@ void open_passes(const RunSettings& settings, InputFile& input, bool dictionary_
                  "atoms or bonds; convert them to V2000 for descriptors\n",
                  scan.v3000_records, scan.compounds, input.name.c_str());
   }
-  if (mol2) mol2_allocation_pass(settings, input, scan.compounds);
-  else sd_allocation_pass(settings, input, scan.compounds);
+  const Failure& refusal = scan.later_refusal;
+  if (!refusal.message.empty()) {
+    if (refusal.on_stderr) fatal_error_on_stderr(refusal.message);
+    fatal_error(refusal.message);
+  }
   out.dictionary = dictionary_file ? load_label_dictionary(dict_name) : dictionary_of_labels(mol2, scan.labels);
   out.compounds = scan.compounds;
   out.scan = std::make_unique<DictionaryScan>(std::move(scan));

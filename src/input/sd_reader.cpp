@@ -1,8 +1,8 @@
 // MDL SD reader: fixed-column V2000 records ended by "$$$$", read in the
-// dictionary, allocation and graph passes.
+// dictionary and graph passes.
 //
-// The dictionary and allocation passes never refuse a record for its shape:
-// they count a malformed record as a compound and go on, and the graph pass
+// The dictionary pass never refuses a record for its shape: it counts a
+// malformed record as a compound and goes on, and the graph pass
 // refuses it when it gets there. That way a record's defined messages (too
 // large, invalid bond, missing atom, duplicated bond) and those of every
 // earlier record come first, and all passes agree on every record before the
@@ -91,6 +91,7 @@ DictionaryScan scan_sd_labels(const RunSettings&, InputFile& input, std::FILE* d
   LabelCollector labels;
   labels.dict = dict;
   int count = 0, v3000 = 0;
+  Failure later_refusal;
   SdHeader h;
   while (read_sd_header(in, h)) {
     // The counts line of a V3000 record holds zeros; its atoms and bonds
@@ -103,12 +104,16 @@ DictionaryScan scan_sd_labels(const RunSettings&, InputFile& input, std::FILE* d
         file_ended = true;
         break;
       }
-      // A record cut short by "$$$$" ends here, as it does in the allocation
-      // pass, which tokenises its atom lines; the graph pass refuses it.
+      // A record cut short by "$$$$" ends here, where its lines to the
+      // tokeniser's limit end too; the graph pass refuses it.
       record_ended = first_token_is_record_end(in.line);
       // A line too short for a symbol is left for the graph pass to refuse
       // rather than turned into an empty label the loader would stop at.
       if (!record_ended && has_symbol_columns(in.line)) collect_atom_label(labels, atom_symbol(in.line), count);
+      // Atom lines were first held to the tokeniser's limit by a pass of
+      // their own after this one; a line over it is refused as it was then,
+      // after every message of this pass.
+      check_token_limit_later(in.line, tokens, later_refusal);
     }
     if (!file_ended && !record_ended) skip_to_record_end(in, tokens);
     ++count;
@@ -116,21 +121,8 @@ DictionaryScan scan_sd_labels(const RunSettings&, InputFile& input, std::FILE* d
   }
   DictionaryScan scan = finish_scan(labels, count);
   scan.v3000_records = v3000;
+  scan.later_refusal = std::move(later_refusal);
   return scan;
-}
-
-// The pass that once sized every compound's arrays before the graph pass.
-// Compounds are now made one at a time as the graph pass reads them, but the
-// pass still runs: it holds every line after a record's counts line to the
-// tokeniser's limit, atom lines included, which the other passes do not, and
-// a run refuses such a line at this point, after every dictionary-pass message
-// and before any graph-pass one.
-void sd_allocation_pass(const RunSettings&, InputFile& input, int n) {
-  FilePtr file = open_pass(input);
-  InputLines in(file.get());
-  TokenArray tokens;
-  SdHeader h;
-  for (int i = 0; i < n && read_sd_header(in, h); ++i) skip_to_record_end(in, tokens);
 }
 
 struct SdGraphPass {

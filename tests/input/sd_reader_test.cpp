@@ -167,6 +167,16 @@ TEST(sd_reader, tokeniser_limits_on_lines_passed_over) {
   // The split copy shows the line's leading spaces before its first token.
   EXPECT_INPUT_REFUSED(scratch.put("indented.sdf", with_data_line("   " + tokens1000)), Flags{},
                        "total items in this transaction = 1000,id = t999,str =    t0\nmemory for array not sufficient\n");
+  // An atom line is held to the limit once the dictionary pass is done, so
+  // after its count; a line that pass splits itself, in a later record, is
+  // refused first.
+  std::string atoms = chain_record("atoms", {"C", "O"}, 1);
+  atoms.insert(atoms.find('\n', atoms.find("V2000") + 6), " " + tokens1000);
+  EXPECT_INPUT_REFUSED(scratch.put("atoms.sdf", atoms + with_data_line("")), Flags{},
+                       "total compounds = 2\ntotal items in this transaction = 1000,id = t983,str =     0.0000\n"
+                       "memory for array not sufficient\n");
+  EXPECT_INPUT_REFUSED(scratch.put("both.sdf", atoms + with_data_line(tokens1000)), Flags{},
+                       "total items in this transaction = 1000,id = t999,str = t0\nmemory for array not sufficient\n");
   // A long data value (a fingerprint, an InChI) is passed over like any other.
   EXPECT_EQ(load(scratch.put("long.sdf", with_data_line(std::string(5000, 'x')))).out, "total compounds = 1\n");
 }
