@@ -8,21 +8,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <fstream>
 #include <memory>
-#include <mutex>
 #include <new>
-#include <system_error>
 #include <thread>
 
+#include "common/ordered_batches.h"
 #include "common/parallel.h"
 #include "common/progress.h"
-#include "common/thread_team.h"
-#include "common/write_behind.h"
 #include "enumerate/fragment_counter.h"
 #include "output/output.h"
 #include "table/table.h"
@@ -103,53 +98,60 @@ void spill_append(Spill& s, const std::uint8_t* bytes, std::size_t size) {
 
 // ---- Workers ----
 
-struct Batch {
-  int first = 0;  // input index of its first compound
-  int size = 0;
-  std::vector<Graph> graphs;
-  std::vector<std::string> names;
-  // What the worker leaves:
-  std::vector<int> entry_end;        // per compound: end of its entries
-  std::vector<FormCount> entries;    // (the run's form, count)
-  long long fragments = 0;
-  bool failed = false;
-  Failure failure;
-  bool out_of_memory = false;
-  bool done = false;
-};
-
+// What a worker keeps from batch to batch: its counter, made for its first
+// batch and again after a failure.
 struct Worker {
   std::unique_ptr<FragmentCounter> counter;
 };
 
-void count_batch(Worker& w, FormStore& store, StepTables* steps, const CountOptions& o, Batch& b) {
-  try {
-    RaiseFailures raise;
+// What every batch of a run refers to.
+struct CountContext {
+  FormStore* store = nullptr;
+  StepTables* steps = nullptr;
+  const CountOptions* options = nullptr;
+  std::vector<Worker> workers;  // one per thread
+  std::size_t memo_limit = 0;   // each counter's
+};
+
+struct Batch : BatchTask {
+  CountContext* context = nullptr;
+  int first = 0;  // input index of its first compound
+  int size = 0;
+  std::vector<Graph> graphs = std::vector<Graph>(BATCH_COMPOUNDS);
+  std::vector<std::string> names = std::vector<std::string>(BATCH_COMPOUNDS);
+  // What the worker leaves:
+  std::vector<int> entry_end;        // per compound: end of its entries
+  std::vector<FormCount> entries;    // (the run's form, count)
+  long long fragments = 0;
+  PartOutcome outcome;
+
+  bool empty() const { return size == 0; }
+  void run(int worker) override;
+};
+
+void Batch::run(int worker) {
+  Worker& w = context->workers[static_cast<std::size_t>(worker)];
+  const CountOptions& o = *context->options;
+  outcome = PartOutcome{};
+  run_guarded(outcome, [&] {
     if (!w.counter) {
-      const std::size_t budget = std::max(MEMO_FLOOR, MEMO_BUDGET / std::max(o.threads, 1));
-      w.counter = std::make_unique<FragmentCounter>(o.lmin, o.lmax, o.opt, &store, budget, steps);
+      w.counter = std::make_unique<FragmentCounter>(o.lmin, o.lmax, o.opt, context->store, context->memo_limit,
+                                                    context->steps);
     } else if (w.counter->memo_full()) {
       w.counter->forget();
     }
     FragmentCounter& counter = *w.counter;
     const long long before = counter.fragments();
-    b.entries.clear();
-    b.entry_end.clear();
-    for (int k = 0; k < b.size; ++k) {
-      counter.count_compound(b.graphs[k], b.first + k, b.entries);
-      b.entry_end.push_back(static_cast<int>(b.entries.size()));
+    entries.clear();
+    entry_end.clear();
+    for (int k = 0; k < size; ++k) {
+      counter.count_compound(graphs[k], first + k, entries);
+      entry_end.push_back(static_cast<int>(entries.size()));
     }
-    b.fragments = counter.fragments() - before;
-  } catch (const Failure& f) {
-    b.failed = true;
-    b.failure = f;
-    // A counter left in the middle of a compound is not used again.
-    w.counter.reset();
-  } catch (const std::exception&) {
-    // Only a request too large for the allocator can arrive here.
-    b.out_of_memory = true;
-    w.counter.reset();
-  }
+    fragments = counter.fragments() - before;
+  });
+  // A counter left in the middle of a compound is not used again.
+  if (outcome.failed || outcome.out_of_memory) w.counter.reset();
 }
 
 // The merge's scratch.
@@ -158,8 +160,8 @@ struct Merge {
 };
 
 void merge_batch(Batch& b, Merge& m, CountedRun& run) {
-  if (b.failed) throw b.failure;
-  if (b.out_of_memory) throw std::bad_alloc();
+  if (b.outcome.failed) throw b.outcome.failure;
+  if (b.outcome.out_of_memory) throw std::bad_alloc();
   // Forms are added to the store before the batch that met them is done.
   run.support.resize(run.store.size(), 0);
   run.batch_start.push_back(run.spill.size);
@@ -192,147 +194,47 @@ void merge_batch(Batch& b, Merge& m, CountedRun& run) {
   run.fragments += b.fragments;
 }
 
-// Threads taking batches off a queue; stopped and joined however the run ends.
-struct WorkerPool {
-  std::mutex mutex;
-  std::condition_variable work, finished;
-  std::deque<Batch*> queue;
-  bool stop = false;
-  std::vector<Worker> workers;
-  std::vector<std::thread> threads;
-
-  // As many of n threads as the system lets this process start (an
-  // address-space limit, for one, may refuse their stacks).
-  WorkerPool(int n, FormStore& store, StepTables* steps, const CountOptions& o) : workers(n) {
-    threads.reserve(n);
-    try {
-      for (int i = 0; i < n; ++i)
-        threads.emplace_back([this, i, &store, steps, &o] { serve(i, store, steps, o); });
-    } catch (const std::system_error&) {
-    } catch (...) {
-      // No destructor runs for a pool that was never made: stop the
-      // threads started so far here.
-      stop_all();
-      throw;
-    }
-  }
-  ~WorkerPool() { stop_all(); }
-  void stop_all() {
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      stop = true;
-    }
-    work.notify_all();
-    for (std::thread& t : threads)
-      if (t.joinable()) t.join();
-  }
-  void serve(int index, FormStore& store, StepTables* steps, const CountOptions& o) {
-    for (;;) {
-      Batch* b = nullptr;
-      {
-        std::unique_lock<std::mutex> lock(mutex);
-        work.wait(lock, [this] { return stop || !queue.empty(); });
-        if (stop) return;
-        b = queue.front();
-        queue.pop_front();
-      }
-      count_batch(workers[index], store, steps, o, *b);
-      {
-        std::lock_guard<std::mutex> lock(mutex);
-        b->done = true;
-      }
-      finished.notify_all();
-    }
-  }
-  void submit(Batch* b) {
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      queue.push_back(b);
-    }
-    work.notify_one();
-  }
-  void wait_for(Batch* b) {
-    std::unique_lock<std::mutex> lock(mutex);
-    finished.wait(lock, [b] { return b->done; });
-  }
-};
-
 void count_all(CompoundStream& input, const CountOptions& o, CountedRun& run) {
-  const int threads = std::max(o.threads, 1);
-  // Declared before the pool, so that however this ends the workers have
-  // stopped before the batches they may be counting go away.
-  std::deque<std::unique_ptr<Batch>> in_flight, spare;
   // The growth steps met by any worker spare every other labelling them
   // again. Once their tables are full (o.step_limit), the batches in flight
   // finish and they are all forgotten, to be learnt afresh (the forms stay
   // in the store): their memory does not grow with the distinct fragments.
   // They outlive the workers.
   StepTables steps(o.step_limit);
-  // One thread counts in the caller's thread; more get a pool, and the
-  // caller reads and merges.
-  std::unique_ptr<WorkerPool> pool = threads > 1 ? std::make_unique<WorkerPool>(threads, run.store, &steps, o) : nullptr;
-  // Without a thread started, the caller counts alone.
-  if (pool && pool->threads.empty()) pool.reset();
-  Worker inline_worker;
+  CountContext context;
+  OrderedBatches<Batch> batches(std::max(o.threads, 1));
+  context.store = &run.store;
+  context.steps = &steps;
+  context.options = &o;
+  context.workers.resize(static_cast<std::size_t>(batches.threads()));
+  // Each worker's counter also keeps what it remembers for itself.
+  context.memo_limit = std::max(MEMO_FLOOR, MEMO_BUDGET / static_cast<std::size_t>(batches.threads()));
   Merge merge;
-  const std::size_t in_flight_limit = pool ? 4 * pool->threads.size() : 1;
   Progress progress;
   if (o.progress) progress_start(progress, input.compounds, o.lmin, o.lmax);
-  bool input_done = false;
-  bool input_failed = false;
-  Failure input_failure;
   int next_index = 0;
-  while (true) {
-    while (!input_done && in_flight.size() < in_flight_limit) {
-      if (steps.full()) {
+  batches.run(
+      [&](bool idle) {
+        if (!steps.full()) return true;
         // Forgotten only once no batch is being counted.
-        if (!in_flight.empty()) break;
-        steps.forget();
-      }
-      std::unique_ptr<Batch> b;
-      if (!spare.empty()) {
-        b = std::move(spare.front());
-        spare.pop_front();
-      } else {
-        b = std::make_unique<Batch>();
-        b->graphs.resize(BATCH_COMPOUNDS);
-        b->names.resize(BATCH_COMPOUNDS);
-      }
-      b->first = next_index;
-      b->size = 0;
-      b->done = b->failed = b->out_of_memory = false;
-      try {
-        while (b->size < BATCH_COMPOUNDS && next_compound(input, b->graphs[b->size], b->names[b->size])) ++b->size;
-        if (b->size < BATCH_COMPOUNDS) input_done = true;
-      } catch (const Failure& f) {
-        // The compounds before it come first in input order: they are
-        // counted and merged before the failure is reported.
-        input_done = input_failed = true;
-        input_failure = f;
-      }
-      if (b->size == 0) {
-        spare.push_back(std::move(b));
-        break;
-      }
-      next_index += b->size;
-      if (pool) {
-        pool->submit(b.get());
-      } else {
-        count_batch(inline_worker, run.store, &steps, o, *b);
-        b->done = true;
-      }
-      in_flight.push_back(std::move(b));
-    }
-    if (in_flight.empty()) break;
-    Batch* front = in_flight.front().get();
-    if (pool) pool->wait_for(front);
-    merge_batch(*front, merge, run);
-    progress_update(progress, run.compounds, run.fragments);
-    spare.push_back(std::move(in_flight.front()));
-    in_flight.pop_front();
-  }
+        if (idle) steps.forget();
+        return idle;
+      },
+      [&](Batch& b) {
+        b.context = &context;
+        b.first = next_index;
+        b.size = 0;
+        // A failure part way leaves the compounds read before it in the
+        // batch; nothing is read after it.
+        while (b.size < BATCH_COMPOUNDS && next_compound(input, b.graphs[b.size], b.names[b.size])) ++b.size;
+        next_index += b.size;
+        return b.size == BATCH_COMPOUNDS;
+      },
+      [&](Batch& b) {
+        merge_batch(b, merge, run);
+        progress_update(progress, run.compounds, run.fragments);
+      });
   progress_finish(progress);
-  if (input_failed) throw input_failure;
 }
 
 }  // namespace
@@ -364,62 +266,69 @@ void count_compounds(CompoundStream& input, const CountOptions& options, Counted
 
 namespace {
 
-// Records formatted at a time: enough to share out among threads, few enough
-// that the buffers stay a few megabytes; a thread takes a chunk at a time.
-constexpr std::size_t RECORD_WINDOW = 8192;
+// Records a thread formats at a time: a few hundred kilobytes, enough to
+// make the hand-over cheap; at most 4 such chunks per thread are held.
 constexpr std::size_t RECORD_CHUNK = 512;
+// Threads formatting records: more would only hold more chunks.
+constexpr int RECORD_THREADS = 16;
 
-// Formats the records of `forms`, in that order, on up to `threads` threads
-// a window at a time, each window written behind the formatting of the next
-// (two sets of buffers take turns). A record that cannot be formatted ends
-// the run once what comes before it is written, as one thread writing record
-// after record would.
-struct RecordWriter {
-  const CountedRun& run;
-  const Numbering& numbering;
-  bool mol2;
-  const LabelDictionary& dict;
-  ThreadTeam& team;
-  WriteBehind& writer;
-  std::vector<std::string> chunks[2];
-  int turn = 0;
+// What every chunk of records refers to.
+struct RecordJob {
+  const CountedRun* run = nullptr;
+  const Numbering* numbering = nullptr;
+  const LabelDictionary* dict = nullptr;
+  bool mol2 = false;
+};
 
-  // However the numbering ends, the writer is done with the chunks before
-  // they go.
-  ~RecordWriter() { writer.wait(); }
+// Records of forms, formatted; `fine` false when the last of them could not
+// be formatted (it is then incomplete, and the run ends once the records
+// before it and the incomplete one are written, as one thread writing record
+// after record would).
+struct RecordChunk : BatchTask {
+  const RecordJob* job = nullptr;
+  const int* forms = nullptr;
+  std::size_t count = 0;
+  std::string text;
+  bool fine = true;
+  PartOutcome outcome;
 
-  void write(const std::vector<int>& forms, Progress& progress, int numbered_before) {
-    for (std::size_t from = 0; from < forms.size(); from += RECORD_WINDOW) {
-      const std::size_t to = std::min(forms.size(), from + RECORD_WINDOW);
-      const int n = static_cast<int>((to - from + RECORD_CHUNK - 1) / RECORD_CHUNK);
-      std::vector<std::string>& out = chunks[turn];
-      turn ^= 1;
-      out.resize(std::max<std::size_t>(out.size(), n));
-      std::vector<char> fine(n, 1);
-      team.run_chunks(n, [&](int c, int) {
-        out[c].clear();
-        const std::size_t hi = std::min(to, from + (c + 1) * RECORD_CHUNK);
-        for (std::size_t k = from + c * RECORD_CHUNK; k < hi && fine[c]; ++k) {
-          const int f = forms[k];
-          fine[c] = mol2 ? format_mol2_fragment(numbering.id[f], run.store.view(f), dict, out[c])
-                         : format_sd_fragment(numbering.id[f], run.store.view(f), dict, out[c]);
-        }
-      });
-      std::vector<std::string_view> pieces;
-      int failed = -1;
-      for (int c = 0; c < n && failed < 0; ++c) {
-        pieces.emplace_back(out[c]);
-        if (!fine[c]) failed = c;
+  bool empty() const { return count == 0; }
+  void run(int) override {
+    text.clear();
+    fine = true;
+    outcome = PartOutcome{};
+    run_guarded(outcome, [&] {
+      for (std::size_t k = 0; k < count && fine; ++k) {
+        const int f = forms[k];
+        const GraphView g = job->run->store.view(f);
+        const int id = job->numbering->id[f];
+        fine = job->mol2 ? format_mol2_fragment(id, g, *job->dict, text) : format_sd_fragment(id, g, *job->dict, text);
       }
-      writer.write(std::move(pieces));
-      if (failed >= 0) {
-        writer.wait();
-        fatal_error("problem with the graph\n");
-      }
-      progress_update(progress, numbered_before + static_cast<int>(to), 0);
-    }
+    });
   }
 };
+
+// Writes the records of `forms` to structure in that order, formatted in
+// chunks on the threads of `chunks` while the calling thread writes them.
+void write_records(OrderedBatches<RecordChunk>& chunks, const RecordJob& job, const std::vector<int>& forms,
+                   std::FILE* structure, Progress& progress, int numbered_before) {
+  std::size_t next = 0;
+  chunks.run([](bool) { return true; },
+             [&](RecordChunk& c) {
+               c.job = &job;
+               c.forms = forms.data() + next;
+               c.count = std::min(RECORD_CHUNK, forms.size() - next);
+               next += c.count;
+               return next < forms.size();
+             },
+             [&](RecordChunk& c) {
+               if (c.outcome.failed) throw c.outcome.failure;
+               if (c.outcome.out_of_memory) throw std::bad_alloc();
+               std::fwrite(c.text.data(), 1, c.text.size(), structure);
+               if (!c.fine) fatal_error("problem with the graph\n");
+               progress_update(progress, numbered_before + static_cast<int>((c.forms - forms.data()) + c.count), 0);
+             });
+}
 
 void number_lengths(const CountedRun& run, const RunSettings& settings, const LabelDictionary& dict, bool announce,
                     std::FILE* structure, const std::string& structure_name, Numbering& numbering, int threads) {
@@ -431,10 +340,8 @@ void number_lengths(const CountedRun& run, const RunSettings& settings, const La
   create_occupancy(occupancy);
   std::vector<std::pair<int, int>> placed;  // (slot, form)
   std::vector<int> described;               // forms of this length that are descriptors, in slot order
-  // No more threads than a window has chunks.
-  ThreadTeam team(structure != nullptr ? std::min<int>(threads, RECORD_WINDOW / RECORD_CHUNK) : 1);
-  WriteBehind writer(structure, threads > 1);
-  RecordWriter records{run, numbering, settings.mol2input, dict, team, writer, {}, 0};
+  const RecordJob job{&run, &numbering, &dict, settings.mol2input};
+  OrderedBatches<RecordChunk> chunks(structure != nullptr ? std::min(threads, RECORD_THREADS) : 1);
   // The line on a terminal counts the fragments numbered, which the lines of
   // each length on standard output interrupt.
   Progress progress;
@@ -463,13 +370,10 @@ void number_lengths(const CountedRun& run, const RunSettings& settings, const La
       numbering.descriptor[f] = ++numbering.descriptors;
       described.push_back(f);
     }
-    if (structure != nullptr) records.write(described, progress, numbered_before);
+    if (structure != nullptr) write_records(chunks, job, described, structure, progress, numbered_before);
     progress_update(progress, numbering.total, 0);
     // A lost write is reported with the length it belongs to.
-    if (structure != nullptr) {
-      writer.wait();
-      check_written(structure, structure_name);
-    }
+    if (structure != nullptr) check_written(structure, structure_name);
     progress_clear(progress);
     if (announce)
       std::printf("total upto this threshold = %d,value of k = %d\n", numbering.total, numbering.descriptors);
@@ -482,7 +386,6 @@ void number_lengths(const CountedRun& run, const RunSettings& settings, const La
 void number_forms(const CountedRun& run, const RunSettings& settings, const LabelDictionary& dict, bool announce,
                   std::FILE* structure, const std::string& structure_name, Numbering& numbering, int threads) {
   try {
-    // A failure waits for the records handed over to be written.
     RaiseFailures raise;
     number_lengths(run, settings, dict, announce, structure, structure_name, numbering, threads);
   } catch (const Failure& f) {

@@ -5,18 +5,18 @@
 
 #include "output/output.h"
 
+#include "common/ordered_batches.h"
 #include "common/parallel.h"
 #include "common/progress.h"
-#include "common/thread_team.h"
-#include "common/write_behind.h"
 
 namespace {
 
-// Batches of compounds (as the count merged them) formatted at a time: enough
-// to share out among threads, few enough that the lines stay a few megabytes.
-constexpr std::size_t ROW_WINDOW = 64;
-// Batches a thread formats at a time.
+// Batches of compounds (as the count merged them) a thread formats at a
+// time: lines of a few hundred kilobytes; at most 4 such chunks per thread
+// are held.
 constexpr std::size_t ROW_CHUNK = 4;
+// Threads formatting lines: more would only hold more chunks.
+constexpr int ROW_THREADS = 16;
 
 // Lines in a buffer that only grows, so that room is not cleared line by line.
 struct Lines {
@@ -50,48 +50,64 @@ void append_line(const std::string& name, const DescriptorPairs& pairs, Lines& o
 
 namespace {
 
+// What every chunk of lines refers to.
+struct RowJob {
+  const CountedRun* run = nullptr;
+  const Numbering* numbering = nullptr;
+  std::vector<RowReader> readers;  // per thread
+};
+
+// The lines of the compounds of some merged batches.
+struct RowChunk : BatchTask {
+  RowJob* job = nullptr;
+  std::size_t first = 0, last = 0;  // batches
+  Lines lines;
+  int rows = 0;
+  PartOutcome outcome;
+
+  bool empty() const { return first == last; }
+  void run(int worker) override {
+    lines.used = 0;
+    rows = 0;
+    outcome = PartOutcome{};
+    run_guarded(outcome, [&] {
+      RowReader& reader = job->readers[static_cast<std::size_t>(worker)];
+      start_batch_rows(*job->run, first, last, reader);
+      std::string name;
+      DescriptorPairs pairs;
+      while (next_row(reader, *job->numbering, name, pairs)) {
+        append_line(name, pairs, lines);
+        ++rows;
+      }
+    });
+  }
+};
+
+// The lines formatted in chunks on up to `threads` threads while the calling
+// thread writes them.
 void write_rows(std::FILE* out, CountedRun& run, const Numbering& numbering, int threads) {
   Progress progress;  // a line on standard error, only when it is a terminal
   progress_start_writing(progress, run.compounds);
-  // No more threads than a window has chunks.
-  ThreadTeam team(std::min<int>(threads, ROW_WINDOW / ROW_CHUNK));
-  std::vector<RowReader> readers(team.size());
-  // Two sets of lines take turns: one is written while the other is filled.
-  std::vector<Lines> lines[2];
-  int turn = 0;
-  WriteBehind writer(out, team.size() > 1);
-  std::vector<int> rows;
-  int written = 0;
+  OrderedBatches<RowChunk> chunks(std::min(threads, ROW_THREADS));
+  RowJob job{&run, &numbering, std::vector<RowReader>(static_cast<std::size_t>(chunks.threads()))};
   const std::size_t batches = run.batch_start.size();
-  for (std::size_t first = 0; first < batches; first += ROW_WINDOW) {
-    const std::size_t last = std::min(batches, first + ROW_WINDOW);
-    const int chunks = static_cast<int>((last - first + ROW_CHUNK - 1) / ROW_CHUNK);
-    std::vector<Lines>& filled = lines[turn];
-    turn ^= 1;
-    if (filled.size() < static_cast<std::size_t>(chunks)) filled.resize(chunks);
-    rows.assign(chunks, 0);
-    team.run_chunks(chunks, [&](int c, int t) {
-      RowReader& reader = readers[t];
-      start_batch_rows(run, first + c * ROW_CHUNK, std::min(last, first + (c + 1) * ROW_CHUNK), reader);
-      std::string name;
-      DescriptorPairs pairs;
-      filled[c].used = 0;
-      while (next_row(reader, numbering, name, pairs)) {
-        append_line(name, pairs, filled[c]);
-        ++rows[c];
-      }
-    });
-    std::vector<std::string_view> pieces;
-    for (int c = 0; c < chunks; ++c) {
-      pieces.emplace_back(filled[c].bytes.data(), filled[c].used);
-      written += rows[c];
-    }
-    writer.write(std::move(pieces));
-    progress_update(progress, written, 0);
-  }
+  std::size_t next = 0;
+  int written = 0;
+  chunks.run([](bool) { return true; },
+             [&](RowChunk& c) {
+               c.job = &job;
+               c.first = next;
+               c.last = next = std::min(batches, next + ROW_CHUNK);
+               return next < batches;
+             },
+             [&](RowChunk& c) {
+               if (c.outcome.failed) throw c.outcome.failure;
+               if (c.outcome.out_of_memory) throw std::bad_alloc();
+               std::fwrite(c.lines.bytes.data(), 1, c.lines.used, out);
+               written += c.rows;
+               progress_update(progress, written, 0);
+             });
   progress_finish(progress);
-  // Last, so that errno holds the reason of a failed write for the close.
-  writer.wait();
 }
 
 }  // namespace
@@ -106,7 +122,6 @@ void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const N
   std::setvbuf(out.get(), buffer.data(), _IOFBF, buffer.size());
   std::fputs("Descriptors generated : writing id and frequency files\n", stdout);
   try {
-    // A failure waits for the lines handed over to be written.
     RaiseFailures raise;
     write_rows(out.get(), run, numbering, threads);
   } catch (const Failure& f) {

@@ -8,18 +8,15 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <condition_variable>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <numeric>
-#include <system_error>
-#include <thread>
 #include <unordered_map>
 
 #include "canon/canon.h"
 #include "common/common.h"
+#include "common/ordered_batches.h"
 #include "common/parallel.h"
 #include "enumerate/fragment_counter.h"
 #include "input/bond_labels.h"
@@ -98,102 +95,23 @@ namespace {
 
 // ---- Threads ----
 
-// Threads that run tasks in the order they are handed over; stopped and
-// joined however the caller ends. A task keeps its own failures.
-class TaskPool {
- public:
-  struct Task {
-    virtual ~Task() = default;
-    virtual void run(int worker) = 0;
-    bool done = false;
-  };
-
-  // As many of `threads` as the system lets this process start.
-  explicit TaskPool(int threads) {
-    try {
-      for (int i = 0; i < threads; ++i) threads_.emplace_back([this, i] { serve(i); });
-    } catch (const std::system_error&) {
-    } catch (...) {
-      stop_all();
-      throw;
-    }
-  }
-  int size() const { return static_cast<int>(threads_.size()); }
-  ~TaskPool() { stop_all(); }
-  TaskPool(const TaskPool&) = delete;
-  TaskPool& operator=(const TaskPool&) = delete;
-
-  void submit(Task& task) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      task.done = false;
-      queue_.push_back(&task);
-    }
-    work_.notify_one();
-  }
-  void wait_for(Task& task) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    finished_.wait(lock, [&task] { return task.done; });
-  }
-
- private:
-  void serve(int worker) {
-    RaiseFailures raise;
-    for (;;) {
-      Task* task = nullptr;
-      {
-        std::unique_lock<std::mutex> lock(mutex_);
-        work_.wait(lock, [this] { return stop_ || !queue_.empty(); });
-        if (stop_) return;
-        task = queue_.front();
-        queue_.pop_front();
-      }
-      task->run(worker);
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        task->done = true;
-      }
-      finished_.notify_all();
-    }
-  }
-  void stop_all() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      stop_ = true;
-    }
-    work_.notify_all();
-    for (std::thread& t : threads_) t.join();
-    threads_.clear();
-  }
-
-  std::mutex mutex_;
-  std::condition_variable work_, finished_;
-  std::deque<Task*> queue_;
-  bool stop_ = false;
-  std::vector<std::thread> threads_;
-};
-
-// A pool of `threads` threads, or fewer where the system refuses more (an
-// address space limit, a limit on processes); none for one thread, when the
-// caller's own thread does the work. threads becomes the number there are.
-std::unique_ptr<TaskPool> make_pool(int& threads) {
-  if (threads <= 1) {
-    threads = 1;
-    return nullptr;
-  }
-  auto pool = std::make_unique<TaskPool>(threads);
-  if (pool->size() <= 1) {
-    threads = 1;
-    return nullptr;
-  }
-  threads = pool->size();
-  return pool;
+// Helpers for `threads` threads in all, the caller working as the last; none
+// for one thread, or where the system refuses more (an address-space limit,
+// a limit on processes). threads becomes the number there are.
+std::unique_ptr<TaskQueue> make_helpers(int& threads) {
+  threads = std::max(threads, 1);
+  if (threads == 1) return nullptr;
+  auto queue = std::make_unique<TaskQueue>(threads - 1);
+  threads = queue->helpers() + 1;
+  if (threads == 1) queue.reset();
+  return queue;
 }
 
-// Runs the task on the pool, or at once on this thread when there is none.
-void start(TaskPool* pool, TaskPool::Task& task) {
-  if (pool != nullptr) {
-    pool->submit(task);
+// Hands the task to the helpers, or runs it at once on this thread when
+// there are none.
+void start(TaskQueue* queue, BatchTask& task) {
+  if (queue != nullptr) {
+    queue->submit(task);
   } else {
     task.run(0);
     task.done = true;
@@ -662,7 +580,7 @@ struct Bytes {
 
 // A part of the structure file that begins where a record may begin, and
 // what reading it gave.
-struct Part : TaskPool::Task {
+struct Part : BatchTask {
   // What to read.
   const std::string* name = nullptr;
   bool mol2 = false;
@@ -968,7 +886,7 @@ std::vector<std::unique_ptr<Part>> read_parts(const std::string& name, PartSourc
     const std::size_t parts_in_text = std::max<std::size_t>(1, text_bytes / source.part_bytes());
     threads = static_cast<int>(std::min<std::size_t>(threads, parts_in_text));
   }
-  std::unique_ptr<TaskPool> pool = make_pool(threads);
+  std::unique_ptr<TaskQueue> pool = make_helpers(threads);
   const std::size_t limit = threads > 1 ? 2 * static_cast<std::size_t>(threads) : 1;
   int record_base = 0;
   long long line_base = 0;
@@ -991,12 +909,12 @@ std::vector<std::unique_ptr<Part>> read_parts(const std::string& name, PartSourc
     }
     if (in_flight.empty()) break;
     Part& front = *in_flight.front();
-    if (pool) pool->wait_for(front);
+    if (pool) pool->finish(front, threads - 1);
     if (front.state == Part::State::cut) {
       // The guess of where the part ends was wrong: the rest of the file is
       // read as one part, from the part's start.
       if (pool) {
-        for (auto& p : in_flight) pool->wait_for(*p);
+        for (auto& p : in_flight) pool->finish(*p, threads - 1);
       }
       auto whole = std::make_unique<Part>();
       whole->name = &name;
@@ -1371,39 +1289,28 @@ constexpr std::size_t MEMO_BUDGET = std::size_t{96} << 20;
 constexpr std::size_t MEMO_FLOOR = std::size_t{32} << 20;
 constexpr std::size_t STEP_TABLES_BUDGET = std::size_t{64} << 20;
 
-struct ApplyBatch : TaskPool::Task {
+struct ApplyBatch : BatchTask {
   std::vector<std::unique_ptr<SpaceMatcher>>* matchers = nullptr;
   int first = 0;  // input index of its first compound
   int size = 0;
   std::vector<Graph> graphs = std::vector<Graph>(APPLY_BATCH);
   std::vector<std::string> names = std::vector<std::string>(APPLY_BATCH);
   std::vector<DescriptorPairs> rows = std::vector<DescriptorPairs>(APPLY_BATCH);
-  bool failed = false;
-  Failure failure;
-  bool out_of_memory = false;
+  PartOutcome outcome;
   // Per worker: its matcher failed part way, and is not to be trusted with
   // more. Its later batches are left unmatched: they come after the one
   // that failed, whose failure the caller meets first.
   std::vector<char>* broken = nullptr;
 
+  bool empty() const { return size == 0; }
   void run(int worker) override {
+    outcome = PartOutcome{};
     if ((*broken)[worker]) {
-      failed = true;
+      outcome.failed = true;
       return;
     }
-    try {
-      RaiseFailures raise;
-      SpaceMatcher& m = *(*matchers)[worker];
-      m.match(graphs.data(), size, first, rows.data());
-    } catch (const Failure& f) {
-      failed = true;
-      failure = f;
-      (*broken)[worker] = 1;
-    } catch (const std::exception&) {
-      // Only a request too large for the allocator can arrive here.
-      out_of_memory = true;
-      (*broken)[worker] = 1;
-    }
+    run_guarded(outcome, [&] { (*matchers)[worker]->match(graphs.data(), size, first, rows.data()); });
+    if (outcome.failed || outcome.out_of_memory) (*broken)[worker] = 1;
   }
 };
 
@@ -1424,64 +1331,36 @@ void apply_space(const DescriptorSpace& space, const LabelDictionary& dict, cons
   std::vector<std::unique_ptr<SpaceMatcher>> matchers;
   std::vector<char> broken;
   {
-    // Declared before the pool, so that however this ends the workers have
-    // stopped before the batches they may be matching go away.
-    std::deque<std::unique_ptr<ApplyBatch>> in_flight, spare;
-    std::unique_ptr<TaskPool> pool = make_pool(threads);
+    OrderedBatches<ApplyBatch> batches(threads);
+    threads = batches.threads();
     const std::size_t memo_limit = std::max(MEMO_FLOOR, MEMO_BUDGET / static_cast<std::size_t>(threads));
     for (int t = 0; t < threads; ++t)
       matchers.push_back(std::make_unique<SpaceMatcher>(space, dict, store, lookups, memo_limit, &steps));
     broken.assign(threads, 0);
-    const std::size_t limit = threads > 1 ? 4 * static_cast<std::size_t>(threads) : 1;
-    bool input_done = false, input_failed = false;
-    Failure input_failure;
     int next_index = 0;
-    while (true) {
-      while (!input_done && in_flight.size() < limit) {
-        if (steps.full()) {
+    batches.run(
+        [&](bool idle) {
+          if (!steps.full()) return true;
           // Forgotten only once no batch is being matched.
-          if (!in_flight.empty()) break;
-          steps.forget();
-        }
-        std::unique_ptr<ApplyBatch> b;
-        if (!spare.empty()) {
-          b = std::move(spare.front());
-          spare.pop_front();
-        } else {
-          b = std::make_unique<ApplyBatch>();
-          b->matchers = &matchers;
-          b->broken = &broken;
-        }
-        b->first = next_index;
-        b->size = 0;
-        b->failed = b->out_of_memory = false;
-        try {
-          while (b->size < APPLY_BATCH && next(b->graphs[b->size], b->names[b->size])) ++b->size;
-          if (b->size < APPLY_BATCH) input_done = true;
-        } catch (const Failure& f) {
-          // The compounds before it come first in input order: their rows
-          // are written before the failure is reported.
-          input_done = input_failed = true;
-          input_failure = f;
-        }
-        if (b->size == 0) {
-          spare.push_back(std::move(b));
-          break;
-        }
-        next_index += b->size;
-        start(pool.get(), *b);
-        in_flight.push_back(std::move(b));
-      }
-      if (in_flight.empty()) break;
-      ApplyBatch& front = *in_flight.front();
-      if (pool) pool->wait_for(front);
-      if (front.failed) throw front.failure;
-      if (front.out_of_memory) throw std::bad_alloc();
-      for (int k = 0; k < front.size; ++k) row(front.first + k, front.names[k], front.rows[k]);
-      spare.push_back(std::move(in_flight.front()));
-      in_flight.pop_front();
-    }
-    if (input_failed) throw input_failure;
+          if (idle) steps.forget();
+          return idle;
+        },
+        [&](ApplyBatch& b) {
+          b.matchers = &matchers;
+          b.broken = &broken;
+          b.first = next_index;
+          b.size = 0;
+          // A failure part way leaves the compounds read before it in the
+          // batch; nothing is read after it.
+          while (b.size < APPLY_BATCH && next(b.graphs[b.size], b.names[b.size])) ++b.size;
+          next_index += b.size;
+          return b.size == APPLY_BATCH;
+        },
+        [&](ApplyBatch& b) {
+          if (b.outcome.failed) throw b.outcome.failure;
+          if (b.outcome.out_of_memory) throw std::bad_alloc();
+          for (int k = 0; k < b.size; ++k) row(b.first + k, b.names[k], b.rows[k]);
+        });
   }
   summary = ApplySummary{};
   for (const auto& m : matchers) {

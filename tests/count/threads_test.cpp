@@ -1,6 +1,6 @@
 // Runs on several threads, and with every compound's entries forced through
 // the temporary file, against the same run on one thread, where the golden
-// runs do not reach: output in several windows, lost writes, refused input,
+// runs do not reach: output in many chunks, lost writes, refused input,
 // and the thread count's own refusals; and the growth steps threads share.
 // Random sets on several threads are compared with the plain path in
 // count_test.cpp.
@@ -55,16 +55,16 @@ void expect_same(const Outcome& a, const Outcome& b, const std::string& what) {
 const std::vector<std::vector<std::string>> several = {
     {"TAVRIX_THREADS=2"}, {"TAVRIX_THREADS=3", "TAVRIX_SPILL_MB=0"}, {"TAVRIX_THREADS=8"}};
 
-// Records and descriptor lines are formatted on the threads a window at a
-// time: 5000 compounds and 20479 descriptors of one length fill several
-// windows of each, which must join in order.
-TEST(threads, output_formatted_in_windows_joins_in_order) {
+// Records and descriptor lines are formatted on the threads a chunk at a
+// time: 5000 compounds and 20479 descriptors of one length make dozens of
+// chunks of each, which must join in order.
+TEST(threads, output_formatted_in_chunks_joins_in_order) {
   const std::string dir = make_temp_dir();
   write_file(dir + "/nci5k.sdf", unxz(std::string(TAVRIX_TEST_DATA) + "/../../bench/data/nci5k.sdf.xz"));
   const std::vector<std::string> args = {"-lmin", "6", "-lmax", "6", "-ofile", "run", "nci5k.sdf"};
   const Outcome one = run_with(args, dir, {"TAVRIX_THREADS=1"});
   ASSERT_NE(one.result.out.find("value of k = 20479\n"), std::string::npos) << one.result.out;
-  // Every window, not only the first: a line per compound, a record per
+  // Every chunk, not only the first: a line per compound, a record per
   // descriptor.
   EXPECT_EQ(std::count(one.descriptors.begin(), one.descriptors.end(), '\n'), 4993);
   EXPECT_EQ(sd_records(one.structures).size(), 20479u);
@@ -72,9 +72,9 @@ TEST(threads, output_formatted_in_windows_joins_in_order) {
   remove_tree(dir);
 }
 
-// A write that fails behind the formatting is reported as one thread
+// A write that fails while other threads format is reported as one thread
 // reports it: after the lines of the lengths written, with the reason.
-TEST(threads, a_write_lost_behind_the_formatting_is_reported_as_on_one_thread) {
+TEST(threads, a_write_lost_while_threads_format_is_reported_as_on_one_thread) {
   const std::string dir = make_temp_dir();
   write_file(dir + "/nci5k.sdf", unxz(std::string(TAVRIX_TEST_DATA) + "/../../bench/data/nci5k.sdf.xz"));
   for (const char* file : {"/run_frag.sdf", "/run.out"}) {

@@ -1,0 +1,68 @@
+// Helpers of ordered batches; see ordered_batches.h.
+#include "common/ordered_batches.h"
+
+TaskQueue::TaskQueue(int helpers) {
+  threads_.reserve(static_cast<std::size_t>(std::max(helpers, 0)));
+  try {
+    for (int i = 0; i < helpers; ++i) threads_.emplace_back([this, i] { serve(i); });
+  } catch (const std::system_error&) {
+    // Fewer helpers: the work is shared by those there are.
+  } catch (...) {
+    // No destructor runs for a queue that was never made.
+    stop_all();
+    throw;
+  }
+}
+
+TaskQueue::~TaskQueue() { stop_all(); }
+
+void TaskQueue::stop_all() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stop_ = true;
+  }
+  work_.notify_all();
+  for (std::thread& t : threads_) t.join();
+  threads_.clear();
+}
+
+void TaskQueue::submit(BatchTask& task) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    task.done = false;
+    queue_.push_back(&task);
+  }
+  work_.notify_one();
+}
+
+void TaskQueue::finish(BatchTask& task, int self) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!task.done) {
+    if (queue_.empty()) {
+      finished_.wait(lock);
+      continue;
+    }
+    BatchTask* next = queue_.front();
+    queue_.pop_front();
+    lock.unlock();
+    next->run(self);
+    lock.lock();
+    next->done = true;
+  }
+}
+
+void TaskQueue::serve(int worker) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (true) {
+    work_.wait(lock, [this] { return stop_ || !queue_.empty(); });
+    if (stop_) return;
+    BatchTask* task = queue_.front();
+    queue_.pop_front();
+    lock.unlock();
+    task->run(worker);
+    lock.lock();
+    task->done = true;
+    // Only the caller waits for tasks to be done.
+    finished_.notify_one();
+  }
+}
