@@ -35,20 +35,20 @@ void TaskQueue::submit(BatchTask& task) {
   work_.notify_one();
 }
 
-void TaskQueue::finish(BatchTask& task, int self) {
+bool TaskQueue::help_or_wait(BatchTask& task, int self) {
   std::unique_lock<std::mutex> lock(mutex_);
-  while (!task.done) {
-    if (queue_.empty()) {
-      finished_.wait(lock);
-      continue;
-    }
-    BatchTask* next = queue_.front();
-    queue_.pop_front();
-    lock.unlock();
-    next->run(self);
-    lock.lock();
-    next->done = true;
+  if (task.done) return true;
+  if (queue_.empty()) {
+    finished_.wait(lock, [&task] { return task.done; });
+    return true;
   }
+  BatchTask* next = queue_.front();
+  queue_.pop_front();
+  lock.unlock();
+  next->run(self);
+  lock.lock();
+  next->done = true;
+  return task.done;
 }
 
 void TaskQueue::serve(int worker) {

@@ -4,9 +4,9 @@
 // The calling thread reads the input into batches and hands them over; it
 // finishes them (merges a run's counts, writes a program's rows) strictly in
 // input order. While the oldest batch is still being worked on, it works on
-// batches itself rather than wait: with n threads asked for, n - 1 helpers
-// and the caller share the work, so n processors are busy and none is left
-// switching between a reader and n workers.
+// batches itself rather than wait, reading more after each: with n threads
+// asked for, n - 1 helpers and the caller share the work, so n processors
+// are busy and none is left switching between a reader and n workers.
 #pragma once
 
 #include <condition_variable>
@@ -42,9 +42,15 @@ class TaskQueue {
 
   int helpers() const { return static_cast<int>(threads_.size()); }
   void submit(BatchTask& task);
+  // Unless task is done: runs one task not yet taken, as worker `self`, or
+  // when there is none waits for task. Whether task is done.
+  bool help_or_wait(BatchTask& task, int self);
   // Returns once task is done; meanwhile the caller runs tasks not yet
   // taken, as worker `self`.
-  void finish(BatchTask& task, int self);
+  void finish(BatchTask& task, int self) {
+    while (!help_or_wait(task, self)) {
+    }
+  }
 
  private:
   void serve(int worker);
@@ -80,8 +86,9 @@ class OrderedBatches {
   // the input goes on after it (B::empty() tells a batch that got nothing);
   // finish(b) takes each batch worked on, in input order. A Failure thrown
   // by read ends the reading: what was read before it, in that batch too, is
-  // worked on and finished, then it is thrown again. Whatever
-  // finish throws leaves at once; the destructor then waits for the helpers.
+  // worked on and finished, then it is thrown again. Whatever finish throws
+  // leaves at once; the destructor then waits for the helpers, so whatever
+  // the batches refer to must be made before this object.
   void run(const std::function<bool(bool idle)>& may_read, const std::function<bool(B&)>& read,
            const std::function<void(B&)>& finish) {
     // One thread finishes each batch as soon as it is read.
@@ -107,6 +114,7 @@ class OrderedBatches {
           input_failure = f;
         }
         if (b->empty()) {
+          input_done = true;
           spare_.push_back(std::move(b));
           break;
         }
@@ -120,7 +128,9 @@ class OrderedBatches {
       }
       if (in_flight_.empty()) break;
       B& front = *in_flight_.front();
-      if (queue_) queue_->finish(front, threads_ - 1);
+      // After each batch the caller works on, more are read: the helpers
+      // never run out of batches while the oldest waits for its turn.
+      if (queue_ && !queue_->help_or_wait(front, threads_ - 1)) continue;
       finish(front);
       spare_.push_back(std::move(in_flight_.front()));
       in_flight_.pop_front();

@@ -88,8 +88,10 @@ struct RowChunk : BatchTask {
 void write_rows(std::FILE* out, CountedRun& run, const Numbering& numbering, int threads) {
   Progress progress;  // a line on standard error, only when it is a terminal
   progress_start_writing(progress, run.compounds);
+  // Made before the threads, so that it outlives them however this ends.
+  RowJob job{&run, &numbering, {}};
   OrderedBatches<RowChunk> chunks(std::min(threads, ROW_THREADS));
-  RowJob job{&run, &numbering, std::vector<RowReader>(static_cast<std::size_t>(chunks.threads()))};
+  job.readers.resize(static_cast<std::size_t>(chunks.threads()));
   const std::size_t batches = run.batch_start.size();
   std::size_t next = 0;
   int written = 0;
