@@ -35,12 +35,15 @@ count_fragments() { awk -F, '{for (i = 4; i <= NF; i += 2) s += $i} END {print s
 # "fragment graph" the building of those steps' graphs.
 stage_of() {
   case "$1" in
+    *format_sd_fragment*|*format_mol2_fragment*|*sd_atom_line*) echo writing ;;
     *read_line*|*next_line*|*InputLines*|*tokenize*|*sd_*|*mol2_*|*_IO_getc*|*fgets*|*label_dictionary*|*read_compounds*|*field_digits*|*memchr*|*skip_to_record_end*|*atom_symbol*|*first_token_is*|*label_index*|*field_value*|*find_vertex_by_id*|*_copy_to_iter*) echo reading ;;
     *FragmentCounter::visit*|*FragmentCounter::include*|*count_leaves*|*count_compound*|*FragmentCounter::record*|*build_slot_table*) echo enumeration ;;
     *label_grown*|*fill_fragment_graph*|*build_adjacency*|*bond_label*|*label_set*|*labelled_graph_key*|*remember_labelled*) echo "fragment graph" ;;
-    *FragmentCounter::grow*|*find_step*|*add_step*|*find_or_add_form*|*form_hash*|*same_form*|*FragmentCounter::form*|*canonical_*|*Labelling*|*refine*|*packed_pass*|*row_pass*|*compare_rows*|*permutation*|*individual*|*compute_key*|*place_cell*|*search*|*_Hashtable*|*memcmp*) echo labelling ;;
+    *FragmentCounter::grow*|*find_step*|*add_step*|*FormStore::find*|*StepTables*|*form_hash*|*same_form*|*FragmentCounter::form*|*canonical_*|*Labelling*|*refine*|*packed_pass*|*row_pass*|*compare_rows*|*permutation*|*individual*|*compute_key*|*place_cell*|*search*|*_Hashtable*|*memcmp*) echo labelling ;;
     *number_length*|*claim_slot*|*introsort*|*insertion_sort*|*issue_descriptors*) echo table ;;
-    *write_*|*put_int*|*to_chars*|*sd_atom_line*|*fwrite*|*_IO_*|*mpage_*|*ext4*|*folio*|*filemap*|*copy_from_iter*|*vfs_write*|*generic_perform_write*) echo writing ;;
+    *count_all*|*merge_batch*|*spill_append*|*put_number*) echo merging ;;
+    *pthread_mutex*|*lll_lock*|*futex*|*pvm_irq*|*TaskQueue*) echo "locks, wake-ups" ;;
+    *write_*|*RecordChunk*|*RowChunk*|*next_row*|*next_number*|*append_line*|*format_*|*put_int*|*to_chars*|*sd_atom_line*|*fwrite*|*_IO_*|*mpage_*|*ext4*|*folio*|*filemap*|*copy_from_iter*|*vfs_write*|*generic_perform_write*) echo writing ;;
     *page_fault*|*clear_page*|*alloc_pages*|*mm_fault*|*anonymous_page*|*malloc*|*free*|*memmove*|*memset*|*_int_*|*unlink_chunk*|*memcg*|*kmem_cache*) echo memory ;;
     *) echo other ;;
   esac
