@@ -42,7 +42,7 @@ stage_of() {
     *FragmentCounter::grow*|*find_step*|*add_step*|*FormStore::find*|*StepTables*|*form_hash*|*same_form*|*FragmentCounter::form*|*canonical_*|*Labelling*|*refine*|*packed_pass*|*row_pass*|*compare_rows*|*permutation*|*individual*|*compute_key*|*place_cell*|*search*|*_Hashtable*|*memcmp*) echo labelling ;;
     *number_length*|*claim_slot*|*introsort*|*insertion_sort*|*issue_descriptors*) echo table ;;
     *count_all*|*merge_batch*|*spill_append*|*put_number*) echo merging ;;
-    *pthread_mutex*|*lll_lock*|*futex*|*pvm_irq*|*TaskQueue*) echo "locks, wake-ups" ;;
+    *pthread_mutex*|*lll_lock*|*futex*|*TaskQueue*) echo "locks, wake-ups" ;;
     *write_*|*RecordChunk*|*RowChunk*|*next_row*|*next_number*|*append_line*|*format_*|*put_int*|*to_chars*|*sd_atom_line*|*fwrite*|*_IO_*|*mpage_*|*ext4*|*folio*|*filemap*|*copy_from_iter*|*vfs_write*|*generic_perform_write*) echo writing ;;
     *page_fault*|*clear_page*|*alloc_pages*|*mm_fault*|*anonymous_page*|*malloc*|*free*|*memmove*|*memset*|*_int_*|*unlink_chunk*|*memcg*|*kmem_cache*) echo memory ;;
     *) echo other ;;
