@@ -1,12 +1,16 @@
 // Helpers of ordered batches; see ordered_batches.h.
 #include "common/ordered_batches.h"
 
+#include <exception>
+
 TaskQueue::TaskQueue(int helpers) {
   threads_.reserve(static_cast<std::size_t>(std::max(helpers, 0)));
   try {
     for (int i = 0; i < helpers; ++i) threads_.emplace_back([this, i] { serve(i); });
-  } catch (const std::system_error&) {
-    // Fewer helpers: the work is shared by those there are.
+  } catch (const std::exception&) {
+    // The system refused a thread (an address-space limit, a limit on
+    // processes), or the memory for one: the work is shared by those there
+    // are.
   } catch (...) {
     // No destructor runs for a queue that was never made.
     stop_all();

@@ -21,7 +21,8 @@
 
 #include "common/common.h"
 
-// Work handed to a team. A task keeps its own failures: run() must not throw.
+// Work handed to helper threads. A task keeps its own failures: run() must
+// not throw.
 struct BatchTask {
   virtual ~BatchTask() = default;
   // `worker` names the thread's own scratch: 0 .. threads - 1.
@@ -81,13 +82,14 @@ class OrderedBatches {
   int threads() const { return threads_; }
 
   // Until the input ends: may_read(idle) says whether another batch may be
-  // read now (idle: no batch is in flight; false waits for the oldest to be
-  // finished first); read(b) fills b with the next batch and says whether
+  // read now (idle: no batch is in flight, and then it must say yes; no
+  // waits for the oldest to be finished first); read(b) fills b with the
+  // next batch and says whether
   // the input goes on after it (B::empty() tells a batch that got nothing);
   // finish(b) takes each batch worked on, in input order. A Failure thrown
   // by read ends the reading: what was read before it, in that batch too, is
-  // worked on and finished, then it is thrown again. Whatever finish throws
-  // leaves at once; the destructor then waits for the helpers, so whatever
+  // worked on and finished, then it is thrown again. Anything else read
+  // throws, and whatever finish throws, leaves at once; the destructor then waits for the helpers, so whatever
   // the batches refer to must be made before this object.
   void run(const std::function<bool(bool idle)>& may_read, const std::function<bool(B&)>& read,
            const std::function<void(B&)>& finish) {
@@ -118,18 +120,21 @@ class OrderedBatches {
           spare_.push_back(std::move(b));
           break;
         }
-        if (queue_) {
-          queue_->submit(*b);
-        } else {
-          b->run(0);
-          b->done = true;
-        }
+        // Held in flight before a helper may take it: a failed push_back
+        // must not free a batch being worked on.
         in_flight_.push_back(std::move(b));
+        B& added = *in_flight_.back();
+        if (queue_) {
+          queue_->submit(added);
+        } else {
+          added.run(0);
+          added.done = true;
+        }
       }
       if (in_flight_.empty()) break;
       B& front = *in_flight_.front();
-      // After each batch the caller works on, more are read: the helpers
-      // never run out of batches while the oldest waits for its turn.
+      // After each batch the caller works on, more are read, so that the
+      // helpers keep finding batches while the oldest is still worked on.
       if (queue_ && !queue_->help_or_wait(front, threads_ - 1)) continue;
       finish(front);
       spare_.push_back(std::move(in_flight_.front()));

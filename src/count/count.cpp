@@ -313,6 +313,7 @@ struct RecordChunk : BatchTask {
 void write_records(OrderedBatches<RecordChunk>& chunks, const RecordJob& job, const std::vector<int>& forms,
                    std::FILE* structure, Progress& progress, int numbered_before) {
   std::size_t next = 0;
+  int lost = 0;  // errno of the first write that failed
   chunks.run([](bool) { return true; },
              [&](RecordChunk& c) {
                c.job = &job;
@@ -324,10 +325,14 @@ void write_records(OrderedBatches<RecordChunk>& chunks, const RecordJob& job, co
              [&](RecordChunk& c) {
                if (c.outcome.failed) throw c.outcome.failure;
                if (c.outcome.out_of_memory) throw std::bad_alloc();
-               std::fwrite(c.text.data(), 1, c.text.size(), structure);
+               if (std::fwrite(c.text.data(), 1, c.text.size(), structure) != c.text.size() && lost == 0)
+                 lost = errno;
                if (!c.fine) fatal_error("problem with the graph\n");
                progress_update(progress, numbered_before + static_cast<int>((c.forms - forms.data()) + c.count), 0);
              });
+  // The reason of a lost write, for the check that follows, whatever the
+  // formatting done on this thread since.
+  if (lost != 0) errno = lost;
 }
 
 void number_lengths(const CountedRun& run, const RunSettings& settings, const LabelDictionary& dict, bool announce,

@@ -129,8 +129,10 @@ int FormStore::find_or_add(const GraphView& g) {
       while (grown->slot[c].load(std::memory_order_relaxed) >= 0) c = (c + 1) & grown->mask;
       grown->slot[c].store(e, std::memory_order_relaxed);
     }
-    shard.buckets.store(grown.get(), std::memory_order_release);
+    // Owned before it is published: a failed push_back leaves the old table
+    // in use.
     shard.tables.push_back(std::move(grown));
+    shard.buckets.store(shard.tables.back().get(), std::memory_order_release);
   }
   return f;
 }

@@ -53,7 +53,8 @@ class FormStore {
     const int* e = v + s.vs + 1;
     return GraphView{s.vs, s.es, s.key, v, e, e + s.es, s.arrays};
   }
-  // Forms added so far.
+  // Forms added so far; the last of them may still be being written (an
+  // index is safe to read once this store or a thread that had it gave it).
   int size() const { return size_.load(std::memory_order_acquire); }
   // About the bytes the store holds.
   std::size_t bytes() const;
@@ -79,7 +80,9 @@ class FormStore {
   };
   struct Shard {
     std::mutex mutex;  // held by writers only
-    std::atomic<Buckets*> buckets{nullptr};
+    // On a cache line of its own: the mutex's line changes hands with every
+    // form added, the table's pointer only when the table grows.
+    alignas(64) std::atomic<Buckets*> buckets{nullptr};
     std::vector<std::unique_ptr<Buckets>> tables;  // the current one last
     int forms = 0;
     std::vector<std::unique_ptr<int[]>> blocks;

@@ -1,5 +1,6 @@
 // The descriptor file from counted compounds read back in input order.
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 
@@ -95,6 +96,7 @@ void write_rows(std::FILE* out, CountedRun& run, const Numbering& numbering, int
   const std::size_t batches = run.batch_start.size();
   std::size_t next = 0;
   int written = 0;
+  int lost = 0;  // errno of the first write that failed
   chunks.run([](bool) { return true; },
              [&](RowChunk& c) {
                c.job = &job;
@@ -105,11 +107,14 @@ void write_rows(std::FILE* out, CountedRun& run, const Numbering& numbering, int
              [&](RowChunk& c) {
                if (c.outcome.failed) throw c.outcome.failure;
                if (c.outcome.out_of_memory) throw std::bad_alloc();
-               std::fwrite(c.lines.bytes.data(), 1, c.lines.used, out);
+               if (std::fwrite(c.lines.bytes.data(), 1, c.lines.used, out) != c.lines.used && lost == 0) lost = errno;
                written += c.rows;
                progress_update(progress, written, 0);
              });
   progress_finish(progress);
+  // The reason of a lost write, for the close, whatever the formatting done
+  // on this thread since.
+  if (lost != 0) errno = lost;
 }
 
 }  // namespace

@@ -878,7 +878,7 @@ std::vector<std::unique_ptr<Part>> read_parts(const std::string& name, PartSourc
   // vector, memory already touched, serves a later part.
   Arena arena(space.blocks, text_bytes);
   std::vector<std::vector<SpaceValue>> spare_arrays;
-  // Declared before the pool, so that however this ends the workers have
+  // Declared before the helpers, so that however this ends they have
   // stopped before the parts they may be reading go away.
   std::deque<std::unique_ptr<Part>> in_flight;
   // No more threads than parts, where the size of the text tells.
@@ -886,7 +886,7 @@ std::vector<std::unique_ptr<Part>> read_parts(const std::string& name, PartSourc
     const std::size_t parts_in_text = std::max<std::size_t>(1, text_bytes / source.part_bytes());
     threads = static_cast<int>(std::min<std::size_t>(threads, parts_in_text));
   }
-  std::unique_ptr<TaskQueue> pool = make_helpers(threads);
+  std::unique_ptr<TaskQueue> helpers = make_helpers(threads);
   const std::size_t limit = threads > 1 ? 2 * static_cast<std::size_t>(threads) : 1;
   int record_base = 0;
   long long line_base = 0;
@@ -904,17 +904,18 @@ std::vector<std::unique_ptr<Part>> read_parts(const std::string& name, PartSourc
         p->records.arrays = std::move(spare_arrays.back());
         spare_arrays.pop_back();
       }
-      start(pool.get(), *p);
+      // Held in flight before a helper may take it.
       in_flight.push_back(std::move(p));
+      start(helpers.get(), *in_flight.back());
     }
     if (in_flight.empty()) break;
     Part& front = *in_flight.front();
-    if (pool) pool->finish(front, threads - 1);
+    if (helpers) helpers->finish(front, threads - 1);
     if (front.state == Part::State::cut) {
       // The guess of where the part ends was wrong: the rest of the file is
       // read as one part, from the part's start.
-      if (pool) {
-        for (auto& p : in_flight) pool->finish(*p, threads - 1);
+      if (helpers) {
+        for (auto& p : in_flight) helpers->finish(*p, threads - 1);
       }
       auto whole = std::make_unique<Part>();
       whole->name = &name;

@@ -146,4 +146,26 @@ TEST(mol2_reader, refuses_molecules_beyond_the_size_limits) {
                        "total compounds = 1\ncompound 1 (many bonds): the bond section holds more than 1000 bonds\n");
 }
 
+// A bond line is held to the tokeniser's limit once the dictionary pass is
+// done: after its count, before the graph pass refuses an earlier molecule;
+// an atom line, which that pass splits itself, is refused first even in a
+// later molecule.
+TEST(mol2_reader, refuses_a_line_of_too_many_fields_in_its_turn) {
+  Scratch scratch;
+  std::string fields;
+  for (int i = 0; i < 1000; ++i) fields += format_text(" f%d", i);
+  const std::string bonds = mol2_head("bonds", " 2 1 0 0 0") + mol2_atom(1, "C.3") + mol2_atom(2, "C.3") +
+                            "@<TRIPOS>BOND\n1 1 2 1" + fields + "\n";
+  std::string atoms = mol2_head("atoms", " 1 0 0 0 0") + mol2_atom(1, "C.3");
+  atoms.insert(atoms.size() - 1, fields);
+  const std::string broken = mol2_head("broken", " 2 1 0 0 0") + mol2_atom(1, "C.3") + mol2_atom(2, "C.3") +
+                             "@<TRIPOS>BOND\n1 1 3 1\n";
+  EXPECT_INPUT_REFUSED(scratch.put("bonds.mol2", broken + bonds), MOL2,
+                       "total compounds = 2\ntotal items in this transaction = 1000,id = f995,str = 1\n"
+                       "memory for array not sufficient\n");
+  EXPECT_INPUT_REFUSED(scratch.put("both.mol2", bonds + atoms), MOL2,
+                       "total items in this transaction = 1000,id = f990,str =       1\n"
+                       "memory for array not sufficient\n");
+}
+
 }  // namespace
