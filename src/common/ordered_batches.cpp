@@ -39,6 +39,17 @@ void TaskQueue::submit(BatchTask& task) {
   work_.notify_one();
 }
 
+// Takes the next task, runs it as worker `self` without the lock, and marks
+// it done; the lock is held on entry and on return.
+void TaskQueue::run_next(std::unique_lock<std::mutex>& lock, int self) {
+  BatchTask* task = queue_.front();
+  queue_.pop_front();
+  lock.unlock();
+  task->run(self);
+  lock.lock();
+  task->done = true;
+}
+
 bool TaskQueue::help_or_wait(BatchTask& task, int self) {
   std::unique_lock<std::mutex> lock(mutex_);
   if (task.done) return true;
@@ -46,12 +57,7 @@ bool TaskQueue::help_or_wait(BatchTask& task, int self) {
     finished_.wait(lock, [&task] { return task.done; });
     return true;
   }
-  BatchTask* next = queue_.front();
-  queue_.pop_front();
-  lock.unlock();
-  next->run(self);
-  lock.lock();
-  next->done = true;
+  run_next(lock, self);
   return task.done;
 }
 
@@ -60,12 +66,7 @@ void TaskQueue::serve(int worker) {
   while (true) {
     work_.wait(lock, [this] { return stop_ || !queue_.empty(); });
     if (stop_) return;
-    BatchTask* task = queue_.front();
-    queue_.pop_front();
-    lock.unlock();
-    task->run(worker);
-    lock.lock();
-    task->done = true;
+    run_next(lock, worker);
     // Only the caller waits for tasks to be done.
     finished_.notify_one();
   }

@@ -55,6 +55,7 @@ class TaskQueue {
 
  private:
   void serve(int worker);
+  void run_next(std::unique_lock<std::mutex>& lock, int self);
   void stop_all();
 
   std::mutex mutex_;

@@ -214,12 +214,7 @@ void count_all(CompoundStream& input, const CountOptions& o, CountedRun& run) {
   if (o.progress) progress_start(progress, input.compounds, o.lmin, o.lmax);
   int next_index = 0;
   batches.run(
-      [&](bool idle) {
-        if (!steps.full()) return true;
-        // Forgotten only once no batch is being counted.
-        if (idle) steps.forget();
-        return idle;
-      },
+      [&](bool idle) { return steps.room_for_more(idle); },
       [&](Batch& b) {
         b.context = &context;
         b.first = next_index;

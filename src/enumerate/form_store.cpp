@@ -46,18 +46,6 @@ FormStore::~FormStore() {
   for (std::size_t c = 0; c < RECORD_CHUNKS; ++c) delete[] records_[c].load(std::memory_order_relaxed);
 }
 
-std::size_t FormStore::bytes() const {
-  const std::size_t chunks = (static_cast<std::size_t>(size()) + RECORD_CHUNK - 1) / RECORD_CHUNK;
-  std::size_t total = RECORD_CHUNKS * sizeof(StoredForm*) + chunks * RECORD_CHUNK * sizeof(StoredForm);
-  for (std::size_t k = 0; k < (std::size_t{1} << SHARD_BITS); ++k) {
-    Shard& s = shards_[k];
-    std::lock_guard<std::mutex> lock(s.mutex);
-    for (const auto& t : s.tables) total += (t->mask + 1) * sizeof(std::int32_t);
-    total += s.blocks.size() * ARRAY_BLOCK * sizeof(int);
-  }
-  return total;
-}
-
 // The chunk that holds record f, made by whichever thread needs it first.
 StoredForm* FormStore::record_chunk(int f) {
   std::atomic<StoredForm*>& slot = records_[static_cast<std::size_t>(f) >> RECORD_CHUNK_BITS];

@@ -56,8 +56,6 @@ class FormStore {
   // Forms added so far; the last of them may still be being written (an
   // index is safe to read once this store or a thread that had it gave it).
   int size() const { return size_.load(std::memory_order_acquire); }
-  // About the bytes the store holds.
-  std::size_t bytes() const;
 
  private:
   // Records lie in chunks that never move; the table of chunks has room for

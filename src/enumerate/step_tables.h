@@ -86,6 +86,15 @@ class StepTables {
   bool full() const { return full_.load(std::memory_order_relaxed); }
   // Forgets every step. No other thread may use the tables meanwhile.
   void forget();
+  // For a caller handing out batches of work that use the tables: whether
+  // it may hand out another now. Once full, it must wait until none is in
+  // flight (idle); then every step is forgotten, to be learnt afresh, so
+  // that the tables' memory stays bounded.
+  bool room_for_more(bool idle) {
+    if (!full()) return true;
+    if (idle) forget();
+    return idle;
+  }
 
  private:
   struct alignas(16) Table {

@@ -1340,12 +1340,7 @@ void apply_space(const DescriptorSpace& space, const LabelDictionary& dict, cons
     broken.assign(threads, 0);
     int next_index = 0;
     batches.run(
-        [&](bool idle) {
-          if (!steps.full()) return true;
-          // Forgotten only once no batch is being matched.
-          if (idle) steps.forget();
-          return idle;
-        },
+        [&](bool idle) { return steps.room_for_more(idle); },
         [&](ApplyBatch& b) {
           b.matchers = &matchers;
           b.broken = &broken;
