@@ -65,36 +65,43 @@ int FormStore::find(const Buckets& t, std::uint64_t hash, const GraphView& g, st
   }
 }
 
-int FormStore::find_or_add(const GraphView& g) {
+// Where a form of this many ints goes: the claim's own space while it has room.
+int* FormStore::array_space(Claim& claim, std::size_t ints) {
+  if (ints <= claim.room) return claim.space;
+  // A form larger than a block gets one of its own, and the claim goes on
+  // filling the block it has.
+  const std::size_t size = std::max(ints, ARRAY_BLOCK);
+  auto block = std::make_unique_for_overwrite<int[]>(size);
+  int* space = block.get();
+  {
+    std::lock_guard<std::mutex> lock(blocks_mutex_);
+    blocks_.push_back(std::move(block));
+  }
+  if (size == ARRAY_BLOCK) {
+    claim.space = space;
+    claim.room = size;
+  }
+  return space;
+}
+
+int FormStore::find_or_add(const GraphView& g, Claim& claim) {
   const std::uint64_t hash = arrays_hash(g);
   Shard& shard = shards_[hash >> (64 - SHARD_BITS)];
   std::size_t b;
   int found = find(*shard.buckets.load(std::memory_order_acquire), hash, g, b);
   if (found >= 0) return found;
-  std::lock_guard<std::mutex> lock(shard.mutex);
-  // Another thread may have added it, or grown the table, meanwhile.
-  Buckets& table = *shard.tables.back();
-  found = find(table, hash, g, b);
-  if (found >= 0) return found;
-  const std::size_t ints = 2 * static_cast<std::size_t>(g.vs) + 1 + 2 * static_cast<std::size_t>(g.es);
-  int* at;
-  if (ints > ARRAY_BLOCK) {
-    shard.blocks.push_back(std::make_unique_for_overwrite<int[]>(ints));
-    at = shard.blocks.back().get();
-    // The last block stays the one being filled.
-    if (shard.blocks.size() > 1) std::swap(shard.blocks.back(), shard.blocks[shard.blocks.size() - 2]);
-  } else {
-    if (shard.block_used + ints > ARRAY_BLOCK) {
-      shard.blocks.push_back(std::make_unique_for_overwrite<int[]>(ARRAY_BLOCK));
-      shard.block_used = 0;
-    }
-    at = shard.blocks.back().get() + shard.block_used;
-    shard.block_used += ints;
+  // Written in the claim's own memory, outside the lock; should another
+  // thread publish the same form first, the claim uses it for the next one.
+  if (claim.next == claim.end) {
+    const int first = size_.fetch_add(CLAIM_INDICES, std::memory_order_acq_rel);
+    // Indices are ints; the fragment table holds far fewer distinct fragments.
+    TAVRIX_CHECK(first >= 0 && static_cast<std::size_t>(first) <= RECORD_CHUNKS * RECORD_CHUNK - CLAIM_INDICES);
+    claim.next = first;
+    claim.end = first + CLAIM_INDICES;
   }
-  shard.ints += ints;
-  const int f = size_.fetch_add(1, std::memory_order_acq_rel);
-  // Indices are ints; the fragment table holds far fewer distinct fragments.
-  TAVRIX_CHECK(f >= 0 && static_cast<std::size_t>(f) < RECORD_CHUNKS * RECORD_CHUNK - 1);
+  const int f = claim.next;
+  const std::size_t ints = 2 * static_cast<std::size_t>(g.vs) + 1 + 2 * static_cast<std::size_t>(g.es);
+  int* at = array_space(claim, ints);
   StoredForm& s = record_chunk(f)[f & (RECORD_CHUNK - 1)];
   s.arrays = at;
   at = std::copy(g.vl, g.vl + g.vs, at);
@@ -107,6 +114,17 @@ int FormStore::find_or_add(const GraphView& g) {
   s.branching = false;
   for (int i = 0; i < g.vs && !s.branching; ++i) s.branching = g.v[i + 1] - g.v[i] > 2;
   s.key = compute_key(view(f));
+
+  std::lock_guard<std::mutex> lock(shard.mutex);
+  // Another thread may have added it, or grown the table, meanwhile.
+  Buckets& table = *shard.tables.back();
+  found = find(table, hash, g, b);
+  if (found >= 0) return found;
+  ++claim.next;
+  if (s.arrays == claim.space) {
+    claim.space += ints;
+    claim.room -= ints;
+  }
   table.slot[b].store(f, std::memory_order_release);
   if (2 * static_cast<std::size_t>(++shard.forms) > table.mask + 1) {
     auto grown = std::make_unique<Buckets>(2 * (table.mask + 1));

@@ -10,8 +10,11 @@
 //
 // Looking up takes no lock: most lookups find a form met before, and a lock
 // written by every thread would pass its cache line from processor to
-// processor on each. Adding takes the lock of one of many shards, chosen by
-// the form's hash, so threads seldom wait for each other. A form never moves
+// processor on each. A new form is written first into memory of the adding
+// thread's own (its claim: a run of indices and of array space no other
+// thread touches), and only then published under the lock of one of many
+// shards, chosen by the form's hash, so that threads seldom wait for each
+// other and the lock is held only to place the index. A form never moves
 // once added; its index is published (a release store into the shard's
 // buckets) only after the form is written, and a thread only reads forms
 // whose index it got from this store or from a thread that did.
@@ -36,13 +39,22 @@ struct StoredForm {
 
 class FormStore {
  public:
+  // What one thread adds with: indices and array space taken from the store
+  // a run at a time. Indices claimed and never used stay holes, never read.
+  class Claim {
+    friend class FormStore;
+    int next = 0, end = 0;
+    int* space = nullptr;
+    std::size_t room = 0;  // ints free at space
+  };
+
   FormStore();
   ~FormStore();
   FormStore(const FormStore&) = delete;
   FormStore& operator=(const FormStore&) = delete;
 
-  // The form's index, adding it when new.
-  int find_or_add(const GraphView& g);
+  // The form's index, adding it when new. One claim per thread.
+  int find_or_add(const GraphView& g, Claim& claim);
 
   const StoredForm& stored(int f) const {
     return records_[static_cast<std::size_t>(f) >> RECORD_CHUNK_BITS].load(std::memory_order_acquire)[f & (RECORD_CHUNK - 1)];
@@ -53,8 +65,9 @@ class FormStore {
     const int* e = v + s.vs + 1;
     return GraphView{s.vs, s.es, s.key, v, e, e + s.es, s.arrays};
   }
-  // Forms added so far; the last of them may still be being written (an
-  // index is safe to read once this store or a thread that had it gave it).
+  // Above every index given so far; the forms below it may still be being
+  // written, or never be (an index is safe to read once this store or a
+  // thread that had it gave it).
   int size() const { return size_.load(std::memory_order_acquire); }
 
  private:
@@ -66,6 +79,9 @@ class FormStore {
   // The arrays lie in blocks of this many ints (a form larger than a block
   // gets one of its own).
   static constexpr std::size_t ARRAY_BLOCK = std::size_t{1} << 16;
+  // Indices a claim takes at a time: the records of one claim share no
+  // cache line with another's.
+  static constexpr int CLAIM_INDICES = 64;
   static constexpr int SHARD_BITS = 6;
 
   // Open addressing by the arrays' hash; -1 for an empty bucket. A full
@@ -76,22 +92,22 @@ class FormStore {
     std::size_t mask;
     std::unique_ptr<std::atomic<std::int32_t>[]> slot;
   };
-  struct Shard {
-    std::mutex mutex;  // held by writers only
-    // On a cache line of its own: the mutex's line changes hands with every
-    // form added, the table's pointer only when the table grows.
-    alignas(64) std::atomic<Buckets*> buckets{nullptr};
-    std::vector<std::unique_ptr<Buckets>> tables;  // the current one last
+  struct alignas(64) Shard {
+    std::mutex mutex;  // held by writers only, with what follows up to buckets
     int forms = 0;
-    std::vector<std::unique_ptr<int[]>> blocks;
-    std::size_t block_used = ARRAY_BLOCK;  // ints used in the last block
-    std::size_t ints = 0;
+    std::vector<std::unique_ptr<Buckets>> tables;  // the current one last
+    // On a cache line of its own, read by every lookup: the lines above
+    // change hands with every form added, this one only when the table grows.
+    alignas(64) std::atomic<Buckets*> buckets{nullptr};
   };
 
   StoredForm* record_chunk(int f);
+  int* array_space(Claim& claim, std::size_t ints);
   int find(const Buckets& t, std::uint64_t hash, const GraphView& g, std::size_t& b) const;
 
   std::unique_ptr<std::atomic<StoredForm*>[]> records_;
   std::atomic<int> size_{0};
   std::unique_ptr<Shard[]> shards_;
+  std::mutex blocks_mutex_;
+  std::vector<std::unique_ptr<int[]>> blocks_;
 };

@@ -55,7 +55,7 @@ void FragmentCounter::reach_form(int f) {
 }
 
 int FragmentCounter::find_or_add_form(const GraphView& g) {
-  const int f = store_->find_or_add(g);
+  const int f = store_->find_or_add(g, claim_);
   reach_form(f);
   return f;
 }

@@ -86,6 +86,7 @@ class FragmentCounter {
   int lmin_, lmax_, opt_;
   std::unique_ptr<FormStore> own_store_;
   FormStore* store_;
+  FormStore::Claim claim_;  // this counter's own space for the forms it adds
   std::unique_ptr<StepTables> own_steps_;
   StepTables* steps_;
   StepMemo memo_;
