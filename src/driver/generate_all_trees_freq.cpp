@@ -8,6 +8,7 @@
 #include <new>
 
 #include "common/common.h"
+#include "common/late_truncation.h"
 #include "count/count.h"
 #include "driver/driver.h"
 #include "input/input.h"
@@ -39,13 +40,17 @@ int run(int argc, char** argv) {
   // after the close).
   std::vector<char> structure_buffer(OUTPUT_BUFFER_BYTES);
   const std::string structure_name = settings.outfstem + "_frag.sdf";
-  FilePtr structure = open_file(structure_name, "w");
+  // The old structure file goes while the compounds are read, unless it is
+  // one of the files read.
+  LateTruncation structure_cut;
+  FilePtr structure = structure_cut.open(structure_name, options.threads > 1, {settings.infile, settings.infile + ".dict"});
   std::setvbuf(structure.get(), structure_buffer.data(), _IOFBF, structure_buffer.size());
   CompoundStream input;
   open_compounds(settings, input);
   CountedRun counted;
   count_compounds(input, options, counted);
   Numbering numbering;
+  structure_cut.wait();
   number_forms(counted, settings, input.dictionary, true, structure.get(), structure_name, numbering, options.threads);
   close_written(structure, structure_name);
   std::printf("total features stored after freq elimination = %d\n", numbering.descriptors);

@@ -6,6 +6,7 @@
 
 #include "output/output.h"
 
+#include "common/late_truncation.h"
 #include "common/ordered_batches.h"
 #include "common/parallel.h"
 #include "common/progress.h"
@@ -85,8 +86,8 @@ struct RowChunk : BatchTask {
 };
 
 // The lines formatted in chunks on up to `threads` threads while the calling
-// thread writes them.
-void write_rows(std::FILE* out, CountedRun& run, const Numbering& numbering, int threads) {
+// thread writes them, once the file's old content is gone.
+void write_rows(std::FILE* out, LateTruncation& cut, CountedRun& run, const Numbering& numbering, int threads) {
   Progress progress;  // a line on standard error, only when it is a terminal
   progress_start_writing(progress, run.compounds);
   // Made before the threads, so that it outlives them however this ends.
@@ -107,6 +108,7 @@ void write_rows(std::FILE* out, CountedRun& run, const Numbering& numbering, int
              [&](RowChunk& c) {
                if (c.outcome.failed) throw c.outcome.failure;
                if (c.outcome.out_of_memory) throw std::bad_alloc();
+               if (written == 0) cut.wait();
                if (std::fwrite(c.lines.bytes.data(), 1, c.lines.used, out) != c.lines.used && lost == 0) lost = errno;
                written += c.rows;
                progress_update(progress, written, 0);
@@ -125,12 +127,15 @@ void write_descriptor_rows(const std::string& outfstem, CountedRun& run, const N
   // buffer, and the buffer must outlive the stream.
   std::vector<char> buffer(OUTPUT_BUFFER_BYTES);
   const std::string path = outfstem + ".out";
-  FilePtr out = open_file(path, "w");
+  // The old file goes while the first lines are formatted.
+  LateTruncation cut;
+  FilePtr out = cut.open(path, threads > 1);
   std::setvbuf(out.get(), buffer.data(), _IOFBF, buffer.size());
   std::fputs("Descriptors generated : writing id and frequency files\n", stdout);
   try {
     RaiseFailures raise;
-    write_rows(out.get(), run, numbering, threads);
+    write_rows(out.get(), cut, run, numbering, threads);
+    cut.wait();
   } catch (const Failure& f) {
     if (f.on_stderr) fatal_error_on_stderr(f.message);
     fatal_error(f.message);

@@ -164,6 +164,33 @@ TEST(threads, the_first_refused_compound_in_input_order_is_reported) {
   remove_tree(dir);
 }
 
+// A run with threads to spare cuts the old files it writes over while it
+// reads: it must leave them as one thread leaves them, whether it completes,
+// fails at once, or reads the very file it writes.
+TEST(threads, old_files_written_over_are_left_as_one_thread_leaves_them) {
+  const std::string dir = make_temp_dir();
+  const std::string nci = unxz(std::string(TAVRIX_TEST_DATA) + "/input/nci200.sdf.xz");
+  const std::string old(3 << 20, 'x');
+  const std::string refused = read_file(std::string(TAVRIX_TEST_DATA) + "/input/invalid_bond_type.sdf");
+  const std::vector<std::string> files = {"/run_frag.sdf", "/run.out", "/run.sdf.dict", "/run_frag.sdf.dict"};
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"run.sdf", nci}, {"run.sdf", refused}, {"run_frag.sdf", nci}};
+  for (const auto& [input, text] : cases) {
+    std::vector<std::string> left[2];
+    for (int side = 0; side < 2; ++side) {
+      write_file(dir + "/run_frag.sdf", old);
+      write_file(dir + "/run.out", old);
+      write_file(dir + "/" + input, text);
+      const RunResult r = run_tavrix({"-lmax", "4", "-ofile", "run", input}, dir, {side == 0 ? "TAVRIX_THREADS=1" : "TAVRIX_THREADS=3"});
+      left[side] = {std::to_string(r.status), r.out, r.err};
+      for (const std::string& file : files) left[side].push_back(file_exists(dir + file) ? read_file(dir + file) : "none");
+      for (const std::string& file : files) std::remove((dir + file).c_str());
+    }
+    EXPECT_TRUE(left[0] == left[1]) << input << ": " << left[0][1] << "\nagainst\n" << left[1][1];
+  }
+  remove_tree(dir);
+}
+
 TEST(threads, a_thread_count_that_is_no_positive_number_is_refused_before_any_file) {
   const std::string dir = make_temp_dir();
   write_file(dir + "/x.sdf", read_file(std::string(TAVRIX_TEST_DATA) + "/example/example.sdf"));

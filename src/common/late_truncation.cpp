@@ -1,0 +1,74 @@
+// Cutting the old content of an output file on another thread; see
+// late_truncation.h.
+#include "common/late_truncation.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace {
+
+// Cuts under way. Trivially destructible, so that it is still there when
+// the exit handler reads it, whatever else the exit has destroyed by then.
+std::atomic<int> cuts_under_way{0};
+
+void wait_for_cuts() {
+  while (cuts_under_way.load(std::memory_order_acquire) != 0) std::this_thread::yield();
+}
+
+bool same_file(const struct stat& a, const std::string& other) {
+  struct stat b;
+  return stat(other.c_str(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+}  // namespace
+
+LateTruncation::~LateTruncation() {
+  if (thread_.joinable()) thread_.join();
+}
+
+FilePtr LateTruncation::open(const std::string& name, bool behind, const std::vector<std::string>& read) {
+  name_ = name;
+  if (!behind) return open_file(name, "w");
+  // As fopen(name, "w") opens, but for the cut.
+  const int fd = ::open(name.c_str(), O_WRONLY | O_CREAT, 0666);
+  std::FILE* f = fd >= 0 ? fdopen(fd, "w") : nullptr;
+  if (f == nullptr) {
+    if (fd >= 0) close(fd);
+    fatal_error(format_text("can't open a file '%s'\n", name.c_str()));
+  }
+  FilePtr file(f);
+  // An open cuts only a regular file; other kinds ignore it.
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return file;
+  for (const std::string& other : read) behind = behind && !same_file(st, other);
+  // An empty file costs nothing to cut.
+  if (behind && st.st_size > 0) {
+    static const bool handler = std::atexit(wait_for_cuts) == 0;
+    if (handler) {
+      cuts_under_way.fetch_add(1, std::memory_order_acq_rel);
+      try {
+        thread_ = std::thread([this, fd] {
+          if (ftruncate(fd, 0) != 0) error_ = errno;
+          cuts_under_way.fetch_sub(1, std::memory_order_acq_rel);
+        });
+        return file;
+      } catch (const std::system_error&) {
+        // No thread to spare after all: cut it here.
+        cuts_under_way.fetch_sub(1, std::memory_order_acq_rel);
+      }
+    }
+  }
+  if (ftruncate(fd, 0) != 0) fatal_error(format_text("can't open a file '%s'\n", name.c_str()));
+  return file;
+}
+
+void LateTruncation::wait() {
+  if (thread_.joinable()) thread_.join();
+  if (error_ != 0) fatal_error(format_text("can't write a file '%s': %s\n", name_.c_str(), std::strerror(error_)));
+}
