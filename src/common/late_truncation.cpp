@@ -48,20 +48,23 @@ FilePtr LateTruncation::open(const std::string& name, bool behind, const std::ve
   if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return file;
   for (const std::string& other : read) behind = behind && !same_file(st, other);
   // An empty file costs nothing to cut.
-  if (behind && st.st_size > 0) {
-    static const bool handler = std::atexit(wait_for_cuts) == 0;
-    if (handler) {
-      cuts_under_way.fetch_add(1, std::memory_order_acq_rel);
-      try {
-        thread_ = std::thread([this, fd] {
-          if (ftruncate(fd, 0) != 0) error_ = errno;
-          cuts_under_way.fetch_sub(1, std::memory_order_acq_rel);
-        });
-        return file;
-      } catch (const std::system_error&) {
-        // No thread to spare after all: cut it here.
+  // The thread cuts through a descriptor of its own: the file may be closed
+  // before the cut is done (a run ending early), and its number reused.
+  static const bool handler = std::atexit(wait_for_cuts) == 0;
+  const int cut_fd = behind && st.st_size > 0 && handler ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : -1;
+  if (cut_fd >= 0) {
+    cuts_under_way.fetch_add(1, std::memory_order_acq_rel);
+    try {
+      thread_ = std::thread([this, cut_fd] {
+        if (ftruncate(cut_fd, 0) != 0) error_ = errno;
+        close(cut_fd);
         cuts_under_way.fetch_sub(1, std::memory_order_acq_rel);
-      }
+      });
+      return file;
+    } catch (const std::system_error&) {
+      // No thread to spare after all: cut it here.
+      close(cut_fd);
+      cuts_under_way.fetch_sub(1, std::memory_order_acq_rel);
     }
   }
   if (ftruncate(fd, 0) != 0) fatal_error(format_text("can't open a file '%s'\n", name.c_str()));
