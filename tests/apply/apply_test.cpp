@@ -53,13 +53,12 @@ struct GoldenRun {
 std::vector<GoldenRun> golden_runs() {
   std::vector<GoldenRun> runs;
   for (const auto& [name, unused] : files_in(golden_dir)) {
-    if (!file_exists(golden_dir + "/" + name + "/command.txt")) continue;
     GoldenRun run{name, "", {}};
     std::istringstream in(read_file(golden_dir + "/" + name + "/command.txt"));
     for (std::string w; in >> w;) run.words.push_back(w);
-    run.stem = run.words.back().substr(0, run.words.back().find('.'));
-    for (std::size_t i = 1; i + 1 < run.words.size(); ++i)
-      if (run.words[i] == "-ofile") run.stem = run.words[i + 1];
+    if (run.words.empty()) continue;  // the inputs folder
+    const auto ofile = std::find(run.words.begin(), run.words.end() - 1, "-ofile");
+    run.stem = ofile != run.words.end() - 1 ? ofile[1] : run.words.back().substr(0, run.words.back().find('.'));
     runs.push_back(run);
   }
   return runs;
@@ -99,16 +98,14 @@ std::string text_of(const std::vector<Record>& records, const std::string& line_
 // Mol2 one), labelling's arrangement may depend on how the atoms are
 // numbered: such a record stays as it is.
 void shuffle_atoms(Record& r, bool mol2, std::mt19937& rng) {
-  int atoms = 0, bonds = 0, first_atom = 4;
-  if (mol2) {
-    std::istringstream(r[2]) >> atoms >> bonds;
-    first_atom = static_cast<int>(std::find(r.begin(), r.end(), "@<TRIPOS>ATOM") - r.begin()) + 1;
-  } else {
-    atoms = std::stoi(r[3].substr(0, 3));
-    bonds = std::stoi(r[3].substr(3, 3));
-  }
-  const int first_bond = mol2 ? static_cast<int>(std::find(r.begin(), r.end(), "@<TRIPOS>BOND") - r.begin()) + 1
-                              : first_atom + atoms;
+  const auto line_after = [&](const char* marker) {
+    return static_cast<int>(std::find(r.begin(), r.end(), marker) - r.begin()) + 1;
+  };
+  int atoms = 0, bonds = 0;
+  if (mol2) std::istringstream(r[2]) >> atoms >> bonds;
+  else atoms = std::stoi(r[3].substr(0, 3)), bonds = std::stoi(r[3].substr(3, 3));
+  const int first_atom = mol2 ? line_after("@<TRIPOS>ATOM") : 4;
+  const int first_bond = mol2 ? line_after("@<TRIPOS>BOND") : first_atom + atoms;
   std::map<std::string, int> labels;
   for (int k = 0; k < atoms; ++k) {
     std::istringstream in(r[first_atom + k]);
@@ -122,18 +119,17 @@ void shuffle_atoms(Record& r, bool mol2, std::mt19937& rng) {
   std::vector<std::string> atom_lines(atoms);
   for (int k = 0; k < atoms; ++k) atom_lines[order[k]] = r[first_atom + k];
   std::copy(atom_lines.begin(), atom_lines.end(), r.begin() + first_atom);
+  const auto moved = [&](const std::string& atom) { return order[std::stoi(atom) - 1] + 1; };
   for (int k = 0; k < bonds; ++k) {
     std::string& line = r[first_bond + k];
     if (mol2) {
       std::istringstream in(line);
       std::string id, a, b, type;
       in >> id >> a >> b >> type;
-      line = id + " " + std::to_string(order[std::stoi(a) - 1] + 1) + " " +
-             std::to_string(order[std::stoi(b) - 1] + 1) + " " + type;
+      line = id + " " + std::to_string(moved(a)) + " " + std::to_string(moved(b)) + " " + type;
     } else {
       char ends[24];
-      std::snprintf(ends, sizeof ends, "%3d%3d", order[std::stoi(line.substr(0, 3)) - 1] + 1,
-                    order[std::stoi(line.substr(3, 3)) - 1] + 1);
+      std::snprintf(ends, sizeof ends, "%3d%3d", moved(line.substr(0, 3)), moved(line.substr(3, 3)));
       line.replace(0, 6, ends);
     }
   }
@@ -437,19 +433,15 @@ TEST(apply, reads_a_structure_file_in_parts_on_threads_as_in_one_piece) {
   EXPECT_GT(rearranged, 0);
 }
 
-// A space numbers at most 65536 atom labels, whichever parts hold them.
+// A space numbers at most 65536 atom labels, whichever parts hold them: one
+// part, which then holds too many, or many parts, none of which does.
 TEST(apply, refuses_a_space_of_more_atom_labels_than_it_numbers) {
   for (const int labels : {65536, 65537}) {
     std::string text;
-    for (int k = 0; k < labels; k += 2) {
-      char record[200];
-      std::snprintf(record, sizeof record,
-                    "@<TRIPOS>MOLECULE\n%d\n2 1\nSMALL\n@<TRIPOS>ATOM\n1 a 0 0 0 x%d\n2 b 0 0 0 x%d\n"
-                    "@<TRIPOS>BOND\n1 1 2 1\n\n",
-                    k / 2 + 1, k, k + 1);
-      text += record;
-    }
-    // One part, which then holds too many, or many parts, none of which does.
+    for (int k = 0; k < labels; k += 2)
+      text += format_text("@<TRIPOS>MOLECULE\n%d\n2 1\nSMALL\n@<TRIPOS>ATOM\n1 a 0 0 0 x%d\n2 b 0 0 0 x%d\n"
+                          "@<TRIPOS>BOND\n1 1 2 1\n\n",
+                          k / 2 + 1, k, k + 1);
     for (const std::size_t part : {text.size() + 1, std::size_t{4096}}) {
       const std::string r = reading("many.sdf", text, false, 3, part);
       if (labels == 65536) EXPECT_EQ(r.rfind("refused", 0), std::string::npos) << r.substr(0, 200);

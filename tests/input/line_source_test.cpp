@@ -61,13 +61,11 @@ std::vector<std::string> chunked_lines(const std::string& bytes, std::size_t chu
   return lines;
 }
 
-using Lines = std::vector<std::string>;
-
 // Written out by hand, so that the reference itself is pinned down.
 TEST(next_line, known_cases_at_every_chunk_size) {
   struct Case {
     std::string bytes;
-    Lines lines;  // with a line buffer of 4 bytes: at most 3 per line
+    std::vector<std::string> lines;  // with a line buffer of 4 bytes: at most 3 per line
   };
   const Case cases[] = {
       {""s, {}},

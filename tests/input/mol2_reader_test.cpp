@@ -31,7 +31,7 @@ TEST(mol2_reader, reads_the_raw_conversion_to_the_same_graphs) {
   }
 }
 
-TEST(mol2_reader, reads_heads_sections_and_bond_types_as_laid_down) {
+TEST(mol2_reader, reads_heads_sections_bond_types_and_label_switches_as_laid_down) {
   Scratch scratch;
   const std::string path = scratch.put("m.mol2", data("molecules_and_section_ends.mol2"));
   Loaded r = load(path, MOL2);
@@ -61,11 +61,8 @@ TEST(mol2_reader, reads_heads_sections_and_bond_types_as_laid_down) {
   EXPECT_EQ(preamble.input.compound_names, in.compound_names);
   for (std::size_t i = 0; i < in.compounds.size(); ++i)
     EXPECT_TRUE(same_form(preamble.input.compounds[i], in.compounds[i])) << i;
-}
 
-TEST(mol2_reader, applies_basic_atom_types_and_the_single_bond_label) {
-  Scratch scratch;
-  const std::string path = scratch.put("m.mol2", data("molecules_and_section_ends.mol2"));
+  // Each label switch alone: basic atom types, the single bond label.
   Loaded basic = load(path, Flags{.mol2 = true, .no_atom_labels = true});
   EXPECT_EQ(basic.input.dictionary.vertex_labels.items, (std::vector<std::string>{"C", "Cl", "H", "N", "O"}));
   EXPECT_EQ(basic.input.compounds[0].vl, (std::vector<int>{0, 0, 3, 4, 0}));

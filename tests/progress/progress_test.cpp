@@ -12,10 +12,7 @@
 #include "support/process.h"
 
 using namespace std::chrono_literals;
-using testsupport::make_temp_dir;
-using testsupport::read_file;
-using testsupport::remove_tree;
-using testsupport::write_file;
+using namespace testsupport;
 
 namespace {
 
@@ -38,8 +35,8 @@ std::string written(std::FILE* f) {
 
 // Runs Tavrix with standard error on a fresh pseudo-terminal and standard
 // output in a file; err receives what reached the terminal.
-testsupport::RunResult run_on_terminal(const std::vector<std::string>& args, const std::string& cwd) {
-  testsupport::RunResult r;
+RunResult run_on_terminal(const std::vector<std::string>& args, const std::string& cwd) {
+  RunResult r;
   const int master = posix_openpt(O_RDWR | O_NOCTTY);
   if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) return r;
   const std::string slave_name = ptsname(master);
@@ -127,10 +124,10 @@ TEST(progress_run, terminal_shows_the_line_and_a_redirected_run_writes_the_same_
   const std::string dir = make_temp_dir(), term = dir + "/term", file = dir + "/file";
   ASSERT_EQ(mkdir(term.c_str(), 0755), 0);
   ASSERT_EQ(mkdir(file.c_str(), 0755), 0);
-  const std::string one = testsupport::unxz(std::string(TAVRIX_TEST_DATA) + "/input/nci200.sdf.xz");
+  const std::string one = unxz(std::string(TAVRIX_TEST_DATA) + "/input/nci200.sdf.xz");
   int copies = 5;
   double seconds = 0;
-  testsupport::RunResult t;
+  RunResult t;
   std::string many;
   for (;;) {
     many.clear();
@@ -144,7 +141,7 @@ TEST(progress_run, terminal_shows_the_line_and_a_redirected_run_writes_the_same_
   }
   write_file(file + "/set.sdf", many);
   many.clear();
-  const testsupport::RunResult f = testsupport::run_tavrix({"-lmax", "7", "set.sdf"}, file);
+  const RunResult f = run_tavrix({"-lmax", "7", "set.sdf"}, file);
 
   EXPECT_EQ(f.status, 1);
   EXPECT_EQ(t.status, 1);
@@ -152,7 +149,7 @@ TEST(progress_run, terminal_shows_the_line_and_a_redirected_run_writes_the_same_
   EXPECT_EQ(t.out, f.out);
   EXPECT_EQ(read_file(term + "/set.out"), read_file(file + "/set.out"));
   EXPECT_EQ(read_file(term + "/set_frag.sdf"), read_file(file + "/set_frag.sdf"));
-  EXPECT_FALSE(testsupport::file_exists(term + "/set.sdf.dict"));
+  EXPECT_FALSE(file_exists(term + "/set.sdf.dict"));
 
   // On the terminal: rewrites of one line only, never a line feed, and the
   // line blanked at the end.
