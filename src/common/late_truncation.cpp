@@ -8,7 +8,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <system_error>
+#include <exception>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -28,8 +29,15 @@ bool same_file(const struct stat& a, const std::string& other) {
 
 }  // namespace
 
+// The thread is detached, not joined: a run that ends by exit() never joins
+// it, and the exit handler above waits for the cut instead.
+struct LateTruncation::Cut {
+  std::atomic<bool> done{false};
+  int error = 0;
+};
+
 LateTruncation::~LateTruncation() {
-  if (thread_.joinable()) thread_.join();
+  if (cut_ != nullptr) cut_->done.wait(false, std::memory_order_acquire);
 }
 
 FilePtr LateTruncation::open(const std::string& name, bool behind, const std::vector<std::string>& read) {
@@ -47,24 +55,30 @@ FilePtr LateTruncation::open(const std::string& name, bool behind, const std::ve
   struct stat st;
   if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return file;
   for (const std::string& other : read) behind = behind && !same_file(st, other);
-  // An empty file costs nothing to cut.
-  // The thread cuts through a descriptor of its own: the file may be closed
-  // before the cut is done (a run ending early), and its number reused.
+  // An empty file costs nothing to cut. The thread cuts through a descriptor
+  // of its own: the file may be closed before the cut is done (a run ending
+  // early), and its number reused.
   static const bool handler = std::atexit(wait_for_cuts) == 0;
-  const int cut_fd = behind && st.st_size > 0 && handler ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : -1;
-  if (cut_fd >= 0) {
-    cuts_under_way.fetch_add(1, std::memory_order_acq_rel);
-    try {
-      thread_ = std::thread([this, cut_fd] {
-        if (ftruncate(cut_fd, 0) != 0) error_ = errno;
+  if (behind && st.st_size > 0 && handler) {
+    auto cut = std::make_shared<Cut>();
+    const int cut_fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (cut_fd >= 0) {
+      cuts_under_way.fetch_add(1, std::memory_order_acq_rel);
+      try {
+        std::thread([cut, cut_fd] {
+          if (ftruncate(cut_fd, 0) != 0) cut->error = errno;
+          close(cut_fd);
+          cut->done.store(true, std::memory_order_release);
+          cut->done.notify_all();
+          cuts_under_way.fetch_sub(1, std::memory_order_acq_rel);
+        }).detach();
+        cut_ = std::move(cut);
+        return file;
+      } catch (const std::exception&) {
+        // No thread to spare after all (or no memory for one): cut it here.
         close(cut_fd);
         cuts_under_way.fetch_sub(1, std::memory_order_acq_rel);
-      });
-      return file;
-    } catch (const std::system_error&) {
-      // No thread to spare after all: cut it here.
-      close(cut_fd);
-      cuts_under_way.fetch_sub(1, std::memory_order_acq_rel);
+      }
     }
   }
   if (ftruncate(fd, 0) != 0) fatal_error(format_text("can't open a file '%s'\n", name.c_str()));
@@ -72,6 +86,10 @@ FilePtr LateTruncation::open(const std::string& name, bool behind, const std::ve
 }
 
 void LateTruncation::wait() {
-  if (thread_.joinable()) thread_.join();
+  if (cut_ != nullptr) {
+    cut_->done.wait(false, std::memory_order_acquire);
+    error_ = cut_->error;
+    cut_.reset();
+  }
   if (error_ != 0) fatal_error(format_text("can't write a file '%s': %s\n", name_.c_str(), std::strerror(error_)));
 }

@@ -9,8 +9,8 @@
 // file is left as an open that cut it at once would have left it.
 #pragma once
 
+#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "common/common.h"
@@ -32,7 +32,8 @@ class LateTruncation {
   void wait();
 
  private:
-  std::thread thread_;
+  struct Cut;  // shared with the thread that cuts, which nobody joins
+  std::shared_ptr<Cut> cut_;
   std::string name_;
-  int error_ = 0;  // errno of a failed cut, set by the thread
+  int error_ = 0;  // errno of a failed cut
 };
