@@ -84,6 +84,10 @@ struct FileCloser {
 };
 using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
+// Ends the run with "can't open a file '<name>'", the one message for a file
+// that cannot be opened (or, opened, made ready), whatever the reason.
+[[noreturn]] void refuse_open(const std::string& name);
+
 // Opens the file or ends the run with "can't open a file '<name>'".
 // A directory opened for reading counts as a file that cannot be opened.
 FilePtr open_file(const std::string& name, const char* mode);

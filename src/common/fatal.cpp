@@ -83,6 +83,8 @@ void internal_error(const char* condition, const char* file, int line) {
 #endif
 }
 
+void refuse_open(const std::string& name) { fatal_error(format_text("can't open a file '%s'\n", name.c_str())); }
+
 FilePtr open_file(const std::string& name, const char* mode) {
   std::FILE* f = std::fopen(name.c_str(), mode);
   if (f != nullptr && mode[0] == 'r') {
@@ -94,6 +96,6 @@ FilePtr open_file(const std::string& name, const char* mode) {
       f = nullptr;
     }
   }
-  if (f == nullptr) fatal_error(format_text("can't open a file '%s'\n", name.c_str()));
+  if (f == nullptr) refuse_open(name);
   return FilePtr(f);
 }

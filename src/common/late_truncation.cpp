@@ -48,7 +48,7 @@ FilePtr LateTruncation::open(const std::string& name, bool behind, const std::ve
   std::FILE* f = fd >= 0 ? fdopen(fd, "w") : nullptr;
   if (f == nullptr) {
     if (fd >= 0) close(fd);
-    fatal_error(format_text("can't open a file '%s'\n", name.c_str()));
+    refuse_open(name);
   }
   FilePtr file(f);
   // An open cuts only a regular file; other kinds ignore it.
@@ -81,7 +81,7 @@ FilePtr LateTruncation::open(const std::string& name, bool behind, const std::ve
       }
     }
   }
-  if (ftruncate(fd, 0) != 0) fatal_error(format_text("can't open a file '%s'\n", name.c_str()));
+  if (ftruncate(fd, 0) != 0) refuse_open(name);
   return file;
 }
 

@@ -247,7 +247,7 @@ void add_dictionary_line(const char* line, LabelDictionary& dict) {
 
 FilePtr create_dictionary_file(const std::string& dict_name, bool mol2) {
   FilePtr dict(open_no_follow(dict_name, true));
-  if (!dict) fatal_error(format_text("can't open a file '%s'\n", dict_name.c_str()));
+  if (!dict) refuse_open(dict_name);
   std::fputs(DICTIONARY_HEAD, dict.get());
   std::fputs(mol2 ? MOL2_BOND_LABELS : SD_BOND_LABELS, dict.get());
   return dict;
@@ -260,7 +260,7 @@ LabelDictionary load_label_dictionary(const std::string& file_name) {
   std::vector<char> buffer(1024);
   std::size_t size = buffer.size();
   FilePtr in(open_no_follow(file_name, false));
-  if (!in) fatal_error(format_text("can't open a file '%s'\n", file_name.c_str()));
+  if (!in) refuse_open(file_name);
   while (read_line(buffer, size, in.get())) add_dictionary_line(buffer.data(), dict);
   return dict;
 }
@@ -297,7 +297,7 @@ FilePtr open_pass(InputFile& input) {
     // fmemopen refuses an empty buffer; an empty input reads like /dev/null.
     if (input.text->empty()) return open_file("/dev/null", "r");
     std::FILE* f = fmemopen(const_cast<char*>(input.text->data()), input.text->size(), "r");
-    if (f == nullptr) fatal_error(format_text("can't open a file '%s'\n", input.name.c_str()));
+    if (f == nullptr) refuse_open(input.name);
     return FilePtr(f);
   }
   // Not blocking: a FIFO must be refused, not waited on.
@@ -306,7 +306,7 @@ FilePtr open_pass(InputFile& input) {
   if (fd < 0 || fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
     if (fd >= 0) close(fd);
     if (input.watched) refuse_changed_input(input);
-    fatal_error(format_text("can't open a file '%s'\n", input.name.c_str()));
+    refuse_open(input.name);
   }
   if (!S_ISREG(st.st_mode)) {
     close(fd);
@@ -324,7 +324,7 @@ FilePtr open_pass(InputFile& input) {
   std::FILE* f = fdopen(fd, "r");
   if (f == nullptr) {
     close(fd);
-    fatal_error(format_text("can't open a file '%s'\n", input.name.c_str()));
+    refuse_open(input.name);
   }
   return FilePtr(f);
 }

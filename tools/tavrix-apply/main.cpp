@@ -67,12 +67,12 @@ ApplySummary write_descriptor_file(const std::string& path, const DescriptorSpac
                                    CompoundStream& input, int threads) {
   std::string temporary = path + ".XXXXXX";
   const int fd = mkstemp(temporary.data());
-  if (fd < 0) fatal_error(format_text("can't open a file '%s'\n", path.c_str()));
+  if (fd < 0) refuse_open(path);
   std::FILE* f = fdopen(fd, "w");
   if (f == nullptr) {
     close(fd);
     unlink(temporary.c_str());
-    fatal_error(format_text("can't open a file '%s'\n", path.c_str()));
+    refuse_open(path);
   }
   // Megabytes of lines: fewer, larger writes; the buffer outlives the stream.
   std::vector<char> buffer(1 << 20);
